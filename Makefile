@@ -1,0 +1,47 @@
+# SPDX-License-Identifier: Apache-2.0
+#
+# Front door of the build. The rules themselves are in CMakeLists.txt and scripts/.
+
+FUZZ_SECONDS ?= 10
+export FUZZ_SECONDS
+
+.PHONY: help demo check check-all lab bench format clean
+
+help:
+	@echo 'make demo       build the daemon and show it find and break a forwarding loop'
+	@echo 'make check      optimised build and all tests, those on network namespaces included'
+	@echo 'make check-all  32-bit and sanitizer builds with their tests, layering, headers, format,'
+	@echo '                clang-tidy, benchmarks as tests, short fuzz runs (FUZZ_SECONDS=$(FUZZ_SECONDS) each)'
+	@echo 'make lab        only the tests on real network namespaces'
+	@echo 'make bench      build and run the benchmarks'
+	@echo 'make format     format every source file in place'
+	@echo 'make clean      remove build/'
+	@echo
+	@echo 'demo, check, check-all, lab and bench install missing Debian packages first (scripts/setup).'
+
+demo:
+	@scripts/setup demo
+	@scripts/run-demo
+
+check:
+	@scripts/setup check
+	@scripts/run-tests release -LE bench
+
+check-all:
+	@scripts/setup check-all
+	@scripts/check-all
+
+lab:
+	@scripts/setup check
+	@scripts/run-tests release -L lab
+
+bench:
+	@scripts/setup bench
+	@scripts/run-bench
+
+format:
+	@scripts/setup format
+	@scripts/sources | xargs -r clang-format -i
+
+clean:
+	rm -rf build
