@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Ringward::Config::GlobalIntfConfig: the tuning that all interfaces share. Written by the agent that
+// holds the configuration, read by the transmitters and the receive machines when they need it:
+// nothing watches it. Activity thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "runtime/vex/Entity.h"
+
+namespace Ringward::Config {
+
+class GlobalIntfConfig final : public Vex::EntityOf<GlobalIntfConfig> {
+ public:
+  class NotifieeConst : public Vex::Entity::NotifieeConst {
+   public:
+    virtual void onTransmitInterval() {}
+    virtual void onDisabledTime() {}
+
+   protected:
+    NotifieeConst() noexcept = default;
+  };
+  static constexpr Vex::AttributeId kTransmitInterval = 258;
+  static constexpr Vex::AttributeId kDisabledTime = 259;
+  static constexpr Vex::AttributeInfo kAttributes[] = {
+      {kTransmitInterval, "transmitInterval", Vex::AttributeKind::plain},
+      {kDisabledTime, "disabledTime", Vex::AttributeKind::plain}};
+
+  explicit GlobalIntfConfig(const Vex::Name& name) : EntityOf(name) {}
+
+  // Seconds between two probes of one pair of interface and VLAN; 0: one at each tick of the wheel.
+  std::uint8_t transmitInterval() const noexcept { return transmitInterval_; }
+  void transmitIntervalIs(std::uint8_t seconds) {
+    plainIs<kTransmitInterval, &NotifieeConst::onTransmitInterval>(transmitInterval_, seconds);
+  }
+
+  // Seconds for which an interface stays errdisabled; 0: until something else brings it back.
+  std::uint32_t disabledTime() const noexcept { return disabledTime_; }
+  void disabledTimeIs(std::uint32_t seconds) {
+    plainIs<kDisabledTime, &NotifieeConst::onDisabledTime>(disabledTime_, seconds);
+  }
+
+ private:
+  std::uint8_t transmitInterval_ = 5;
+  std::uint32_t disabledTime_ = 604800;  // seven days
+};
+
+// Makes an entity that nobody owns yet.
+inline Vex::Ptr<GlobalIntfConfig> globalIntfConfigFactory(const Vex::Name& name) {
+  return Vex::makePtr<GlobalIntfConfig>(name);
+}
+
+}  // namespace Ringward::Config
