@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Platform::Linux::PacketAccess: packet access to the interfaces of a network namespace for the
+// engine. Owns the one shared packet socket, reads it in bounded batches and hands each frame to the
+// Pam of its interface. Activity thread only.
+//
+// Counted: the devices and Pams that it makes keep it alive. The socket is open while there is a Pam.
+//
+// Invariants:
+//  1. A frame counts only if its interface has a Pam. A bridge hands every frame up a second time on
+//     its own device; that device has no Pam.
+//  2. With the source guard on, only frames from the present source address are delivered.
+//  3. One turn of the loop handles at most kFramesPerTurn frames, whatever arrives.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+
+#include "platform/linux/PacketSocket.h"
+#include "runtime/portus/Pam.h"
+#include "runtime/vex/ActivityManager.h"
+
+namespace Platform::Linux {
+
+class LinuxPam;
+
+class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHandler {
+ public:
+  // A slice that takes a fraction of a millisecond: timers are late by no more than that.
+  static constexpr std::size_t kFramesPerTurn = 256;
+
+  // `guardSource`: deliver only frames that carry the address given to sourceIs().
+  PacketAccess(Vex::ActivityManager& manager, bool guardSource);
+  ~PacketAccess() override;
+
+  // Whether this process may open packet sockets here: the error of socket(2).
+  static std::error_code permission();
+
+  // The interface with this kernel index as a device for the engine.
+  Vex::Ptr<Portus::Device> newDevice(int ifindex);
+
+  // The system's own source address; all zero while there is none, and then every frame is foreign.
+  void sourceIs(const Portus::EthAddr& address);
+  void guardSourceIs(bool guard);
+
+  // The frame that is being delivered for an interface at this moment, null for none: lets whoever
+  // reacts to a detection say what was received.
+  const Portus::Pkt* inDelivery(int ifindex) const noexcept {
+    return deliveringTo_ == ifindex ? delivering_ : nullptr;
+  }
+
+  PacketSocket::Statistics statistics();
+
+ private:
+  friend class LinuxPam;
+
+  bool open(const Portus::PamConfig& config);
+  void pamIs(int ifindex, LinuxPam& pam);
+  void pamDel(int ifindex, const LinuxPam& pam) noexcept;
+  void close() noexcept;
+  void guard();
+  void onReadable() override;
+  void deliver(const ReceivedFrame& frame);
+  Vex::Ptr<Portus::Pam> newPam(const Portus::IntfId& intfId, int ifindex,
+                               const Portus::PamConfig& config);
+  friend class LinuxDevice;
+
+  Vex::ActivityManager& manager_;
+  bool guardSource_;
+  Portus::EthAddr source_;
+  std::unique_ptr<PacketSocket> socket_;
+  PacketSocket::Statistics closedSockets_;  // the counts of sockets that are closed by now
+  std::unordered_map<int, LinuxPam*> pams_;
+  bool inBatch_ = false;  // the socket is being read and must not close
+  int deliveringTo_ = 0;
+  const Portus::Pkt* delivering_ = nullptr;
+};
+
+}  // namespace Platform::Linux
