@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// What the operator asks of the agent: the value of one configuration file, with the default of
+// every key that the file leaves out. docs/configuration.md is the operator's view of the same.
+//
+// Plain values without threads or ownership. A Configuration that ConfigurationReader.h returned
+// keeps the invariants below; code that fills one in by hand has to keep them itself.
+//
+// Invariants:
+//  1. `enabled` implies that `ports` is present.
+//  2. Ports names a bridge (then `match` is empty) or has at least one pattern (then `bridge` is
+//     empty), never both.
+//  3. Every interface name satisfies isInterfaceName(), every pattern PortMatch::isPattern(); all
+//     are UTF-8, and no list holds the same text twice.
+//  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/bridging/VlanBitmap.h"
+
+namespace Agent {
+
+// IFNAMSIZ of the kernel interface, without the terminating NUL.
+inline constexpr std::size_t kMaxInterfaceNameSize = 15;
+
+// How the agent takes a port of a loop out of service.
+enum class ErrdisableAction : std::uint8_t {
+  kAuto,        // kBridgePort for a port of a kernel bridge, kAdminDown for any other
+  kBridgePort,  // port state "disabled" in the kernel bridge; the link stays up
+  kAdminDown,   // the interface is shut
+  kMonitor,     // nothing but a message in the log
+};
+
+struct Ports {
+  std::string bridge;
+  std::vector<std::string> match;
+  std::uint16_t nativeVlan = 1;
+
+  friend bool operator==(const Ports&, const Ports&) = default;
+};
+
+struct Configuration {
+  bool enabled = false;
+  Bridging::VlanBitmap vlans;
+  std::vector<std::string> exclude;
+  std::uint32_t transmitInterval = 5;   // seconds
+  std::uint32_t disabledTime = 604800;  // seconds; 0: a disabled port stays down
+  std::uint32_t rateLimit = 1000;       // probes per second; 0: no limit
+  std::optional<Ports> ports;
+  ErrdisableAction errdisableAction = ErrdisableAction::kAuto;
+  bool acceptForeignSource = false;
+
+  friend bool operator==(const Configuration&, const Configuration&) = default;
+};
+
+// The word of the file for an action, such as "bridge-port", and the way back; nothing for a text
+// that is no such word.
+std::string_view errdisableActionText(ErrdisableAction action);
+std::optional<ErrdisableAction> errdisableActionOf(std::string_view text);
+
+// The rule of the kernel (dev_valid_name() in net/core/dev.c): 1 to 15 bytes, without '/', ':',
+// NUL or white space, and neither "." nor "..".
+bool isInterfaceName(std::string_view text);
+
+// `text` in quotes for a message on one line: control characters, quotes and backslashes are
+// escaped as in TOML, and what exceeds 64 bytes is cut off and marked with "...".
+std::string quotedText(std::string_view text);
+
+// A text from elsewhere, such as a library's description of an error, for a message on one line:
+// '?' for each control character, and what exceeds 240 bytes is cut off and marked with "...".
+std::string plainText(std::string_view text);
+
+}  // namespace Agent

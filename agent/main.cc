@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// ringwardd: finds forwarding loops on the ports of this host and breaks them. docs/configuration.md
+// tells of the configuration file. Exit status: 0 for a clean end, 1 for a configuration or a system
+// that it cannot run with, 2 for a wrong command line.
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+
+#include "agent/Agent.h"
+#include "agent/CommandLine.h"
+#include "agent/ConfigurationReader.h"
+#include "platform/linux/Fd.h"
+#include "runtime/vex/EpollActivityManager.h"
+
+#ifndef RINGWARD_VERSION
+#define RINGWARD_VERSION "0.1"
+#endif
+
+namespace {
+
+// Ends the loop at SIGTERM and SIGINT.
+class Signals final : private Vex::ReadableHandler {
+ public:
+  explicit Signals(Vex::EpollActivityManager& manager) : manager_(manager) {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    fd_ = Platform::Linux::Fd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+    manager_.readableIs(fd_.get(), *this);
+  }
+  Signals(const Signals&) = delete;
+  Signals& operator=(const Signals&) = delete;
+  ~Signals() { manager_.readableDel(fd_.get()); }
+
+ private:
+  void onReadable() override {
+    signalfd_siginfo info{};
+    if (read(fd_.get(), &info, sizeof info) == sizeof info) manager_.stop();
+  }
+
+  Vex::EpollActivityManager& manager_;
+  Platform::Linux::Fd fd_;
+};
+
+void complain(const std::string& text) { std::fprintf(stderr, "ringwardd: %s\n", text.c_str()); }
+
+int run(const Agent::Configuration& configuration, bool foreground) {
+  Vex::EpollActivityManager manager;
+  const Vex::CurrentActivityManager current(manager);
+  Vex::StandardErrorSink standardError;
+  Vex::SystemLogSink systemLog;
+  if (foreground) {
+    manager.logService().sinkIs(standardError);
+  } else {
+    manager.logService().sinkIs(systemLog);
+  }
+  const auto output = [foreground](std::string_view line) {
+    const auto length = static_cast<int>(line.size());
+    if (foreground) {
+      std::fprintf(stderr, "%.*s\n", length, line.data());
+    } else {
+      syslog(LOG_WARNING, "%.*s", length, line.data());
+    }
+  };
+  Signals signals(manager);
+  Agent::RingwardAgent agent(manager, configuration, output);
+  if (const auto error = agent.start()) {
+    complain(std::string(error->what) + ": " + error->error.message());
+    return 1;
+  }
+  manager.run();
+  agent.stop();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const auto parsed = Agent::parseCommandLine(argc, argv);
+    if (const auto* exit = std::get_if<Agent::CommandLineExit>(&parsed)) {
+      std::fputs(exit->text.c_str(), exit->code == 0 ? stdout : stderr);
+      return exit->code;
+    }
+    const auto& commandLine = std::get<Agent::CommandLine>(parsed);
+    if (commandLine.showVersion) {
+      std::puts("ringwardd " RINGWARD_VERSION);
+      return 0;
+    }
+    const auto result = Agent::readConfiguration(commandLine.configPath);
+    if (!result.ok()) {
+      for (const auto& error : result.errors()) complain(Agent::toText(error));
+      return 1;
+    }
+    if (commandLine.check) {
+      std::fputs(Agent::toText(result.configuration()).c_str(), stdout);
+      return 0;
+    }
+    openlog("ringwardd", LOG_PID, LOG_DAEMON);
+    if (!commandLine.foreground && daemon(0, 0) != 0) {
+      complain("cannot detach from the terminal");
+      return 1;
+    }
+    return run(result.configuration(), commandLine.foreground);
+  } catch (const std::exception& e) {
+    complain(e.what());
+    syslog(LOG_ERR, "%s", e.what());
+    return 1;
+  }
+}
