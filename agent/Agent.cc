@@ -92,8 +92,7 @@ class RingwardAgent::Links final : private Vex::ReadableHandler, private Vex::De
 // Keeps the source guard of the packet access at the address that the probes carry.
 class RingwardAgent::SourceReactor final : public Ringward::Status::Status::NotifieeConst {
  public:
-  SourceReactor(const Vex::Ptr<Ringward::Status::Status>& status,
-                Vex::Ptr<PL::PacketAccess> access)
+  SourceReactor(const Vex::Ptr<Ringward::Status::Status>& status, Vex::Ptr<PL::PacketAccess> access)
       : access_(std::move(access)) {
     notifierIs(Vex::Ptr<Vex::PtrInterface const>(status));
     isRegisteredNotifieeIs(true);
@@ -157,12 +156,11 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
   applyConfiguration();
   actions_ = std::make_unique<Actions>(control_);
   directory_ = std::make_unique<PL::LinkDirectory>(
-      PL::DirectoryEntities{allIntfStatusDir_, allIntfStatusLocalDir_, ethIntfStatusDir_,
-                            brConfig_, brTopoConfig_, brTopoStatus_},
+      PL::DirectoryEntities{allIntfStatusDir_, allIntfStatusLocalDir_, ethIntfStatusDir_, brConfig_,
+                            brTopoConfig_, brTopoStatus_},
       access_, portSelection(configuration_));
-  errdisable_ = Vex::makePtr<PL::Errdisable>(
-      ringwardCause_, *actions_, *directory_, report_,
-      platformAction(configuration_.errdisableAction));
+  errdisable_ = Vex::makePtr<PL::Errdisable>(ringwardCause_, *actions_, *directory_, report_,
+                                             platformAction(configuration_.errdisableAction));
   directory_->errdisableIs(errdisable_.get());
   links_ = std::make_unique<Links>(manager_, *directory_);
   if (const std::error_code error = links_->start()) {
@@ -172,8 +170,7 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
   source_ = Vex::makePtr<SourceReactor>(status_, access_);
   globalSm_ = Ringward::globalSmFactory(
       config_, status_, mlagStatus_, transmitStatus_, brTopoConfig_, brTopoStatus_, brConfig_,
-      ethIntfStatusDir_, allIntfStatusDir_, allIntfStatusLocalDir_, ringwardCause_,
-      packetCounter_);
+      ethIntfStatusDir_, allIntfStatusDir_, allIntfStatusLocalDir_, ringwardCause_, packetCounter_);
   ready_ = std::make_unique<Ready>(*this);
   ready_->schedule();
   return std::nullopt;
@@ -186,9 +183,8 @@ void RingwardAgent::applyConfiguration() {
   intf->transmitIntervalIs(static_cast<std::uint8_t>(configuration_.transmitInterval));
   intf->disabledTimeIs(configuration_.disabledTime);
   config_->transmitConfigIs("transmitConfig")->rateLimitIs(configuration_.rateLimit);
-  configuration_.vlans.forEach([this](std::uint16_t vlan) {
-    config_->vlanEnabledIs(Bridging::VlanId(vlan), true);
-  });
+  configuration_.vlans.forEach(
+      [this](std::uint16_t vlan) { config_->vlanEnabledIs(Bridging::VlanId(vlan), true); });
   for (const std::string& name : configuration_.exclude) {
     config_->intfExcludeIs(Portus::IntfId::fromName(name), true);
   }

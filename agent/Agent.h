@@ -4,8 +4,8 @@
 // takes, ties them to the Linux platform, and applies one configuration. main() gives it a loop and
 // signals. Activity thread only.
 //
-// Start: the links are read first, then the engine is made with everything in place. Stop: the engine
-// is disabled, which brings every port back, and only then does anything else go.
+// Start: the links are read first, then the engine is made with everything in place. Stop: the
+// engine is disabled, which brings every port back, and only then does anything else go.
 #pragma once
 
 #include <functional>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Agent::LoopReport: tells whoever runs the agent of each loop, one line when a port goes down and one
-// when it comes back, and of actions that failed. Follows the errdisable actions and reads the rest
-// from the frame that is being delivered. Activity thread only; everything given to it must outlive it.
+// Agent::LoopReport: tells whoever runs the agent of each loop, one line when a port goes down and
+// one when it comes back, and of actions that failed. Follows the errdisable actions and reads the
+// rest from the frame that is being delivered. Activity thread only; everything given to it must
+// outlive it.
 //
-//   loop: received on eth2, sent from eth1, vlan 10, action bridge-port, until 2026-11-21 10:00:00 UTC
-//   (30 s)
-//   recovered: eth2 after 30 s
+//   loop: received on eth2, sent from eth1, vlan 10, action bridge-port, until 2026-11-21 10:00:00
+//   UTC (30 s) recovered: eth2 after 30 s
 #pragma once
 
 #include <functional>
@@ -27,8 +27,8 @@ class LoopReport final : public Platform::Linux::Errdisable::Listener {
   using Output = std::function<void(std::string_view line)>;
 
   LoopReport(Vex::Ptr<Ringward::Status::Status const> status,
-             Vex::Ptr<Bridging::Config const> brConfig,
-             const Platform::Linux::PacketAccess& access, Output output);
+             Vex::Ptr<Bridging::Config const> brConfig, const Platform::Linux::PacketAccess& access,
+             Output output);
 
   void held(const Portus::IntfId& intfId, int ifindex, Platform::Linux::ErrdisableAction action,
             std::error_code error) override;

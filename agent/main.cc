@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ringwardd: finds forwarding loops on the ports of this host and breaks them. docs/configuration.md
-// tells of the configuration file. Exit status: 0 for a clean end, 1 for a configuration or a system
-// that it cannot run with, 2 for a wrong command line.
+// ringwardd: finds forwarding loops on the ports of this host and breaks them.
+// docs/configuration.md tells of the configuration file. Exit status: 0 for a clean end, 1 for a
+// configuration or a system that it cannot run with, 2 for a wrong command line.
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <syslog.h>

@@ -37,9 +37,8 @@ std::string_view errdisableActionName(ErrdisableAction action) {
   return "";
 }
 
-Errdisable::Errdisable(const Vex::Ptr<::Errdisable::CauseStatus const>& cause,
-                       LinkActions& actions, const LinkResolver& links, Listener& listener,
-                       ErrdisableAction action)
+Errdisable::Errdisable(const Vex::Ptr<::Errdisable::CauseStatus const>& cause, LinkActions& actions,
+                       const LinkResolver& links, Listener& listener, ErrdisableAction action)
     : cause_(Vex::newReactor<VexCause>(this, Vex::validPtr(cause))),
       actions_(actions),
       links_(links),
@@ -73,38 +72,44 @@ void Errdisable::handleCause(const Portus::IntfId& intfId) {
   if (link == nullptr || (held != held_.end() && held->second.ifindex == link->ifindex)) return;
   const int ifindex = link->ifindex;
   // Noted first: what the kernel tells of the shutdown must not be read as the operator's.
-  held_[intfId] = {ifindex, ErrdisableAction::adminDown};
-  ErrdisableAction made = action_;
+  Held made{ifindex, ErrdisableAction::adminDown, true};
+  held_[intfId] = made;
   const std::error_code error = take(*link, made);
   if (error) {
     held_.erase(intfId);
   } else {
-    held_[intfId] = {ifindex, made};
+    held_[intfId] = made;
   }
-  listener_.held(intfId, ifindex, made, error);
+  listener_.held(intfId, ifindex, made.action, error);
 }
 
-std::error_code Errdisable::take(const LinkInfo& link, ErrdisableAction& made) {
+std::error_code Errdisable::take(const LinkInfo& link, Held& held) {
   if (action_ != ErrdisableAction::automatic) {
-    made = action_;
-    return apply(link.ifindex, made);
+    held.action = action_;
+    return apply(held);
   }
   if (isBridgePort(link)) {
-    made = ErrdisableAction::bridgePort;
-    if (!apply(link.ifindex, made)) return {};
+    held.action = ErrdisableAction::bridgePort;
+    if (!apply(held)) return {};
   }
-  made = ErrdisableAction::adminDown;
-  return apply(link.ifindex, made);
+  held.action = ErrdisableAction::adminDown;
+  return apply(held);
 }
 
-std::error_code Errdisable::apply(int ifindex, ErrdisableAction action) {
-  switch (action) {
+std::error_code Errdisable::apply(Held& held) {
+  // What stands already is somebody else's and is not undone at the end.
+  const auto present = actions_.read(held.ifindex);
+  switch (held.action) {
     case ErrdisableAction::bridgePort:
-      return actions_.bridgePortStateIs(ifindex, kStateDisabled);
+      held.ours = !present || present->bridgePortState != kStateDisabled;
+      return held.ours ? actions_.bridgePortStateIs(held.ifindex, kStateDisabled)
+                       : std::error_code();
     case ErrdisableAction::adminDown:
-      return actions_.adminUpIs(ifindex, false);
+      held.ours = !present || present->adminUp();
+      return held.ours ? actions_.adminUpIs(held.ifindex, false) : std::error_code();
     case ErrdisableAction::monitor:
     case ErrdisableAction::automatic:
+      held.ours = false;
       return {};
   }
   return {};
@@ -116,7 +121,7 @@ void Errdisable::release(const Portus::IntfId& intfId) {
   const Held held = at->second;
   held_.erase(at);
   std::error_code error;
-  switch (held.action) {
+  switch (held.ours ? held.action : ErrdisableAction::monitor) {
     case ErrdisableAction::bridgePort:
       error = actions_.bridgePortStateIs(held.ifindex, kStateForwarding);
       // Without a carrier, or out of its bridge by now, the port has nothing to come back to: the
@@ -144,14 +149,16 @@ void Errdisable::handleLink(const Portus::IntfId& intfId, const LinkInfo& link) 
     if (link.adminUp()) handleCause(intfId);
     return;
   }
-  switch (at->second.action) {
+  Held& held = at->second;
+  switch (held.action) {
     case ErrdisableAction::bridgePort:
-      // The message may be older than the action: the kernel is asked for what is so now.
+      // The message may be older than the action: apply() asks the kernel for what is so now. It
+      // makes the state ours where the kernel or the operator had let the port forward again.
       if (link.bridgePortState.value_or(kStateDisabled) != kStateDisabled) {
-        const auto present = actions_.read(link.ifindex);
-        if (present && present->bridgePortState.value_or(kStateDisabled) != kStateDisabled) {
-          static_cast<void>(apply(link.ifindex, ErrdisableAction::bridgePort));
-        }
+        const bool ours = held.ours;
+        if (const std::error_code error = apply(held))
+          listener_.held(intfId, held.ifindex, held.action, error);
+        held.ours = held.ours || ours;
       }
       return;
     case ErrdisableAction::adminDown:

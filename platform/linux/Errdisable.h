@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Platform::Linux::Errdisable: acts on the errdisable cause. Takes a listed interface out of service
-// by an action and puts it back when it is listed no more. Activity thread only.
+// Platform::Linux::Errdisable: acts on the errdisable cause. Takes a listed interface out of
+// service by an action and puts it back when it is listed no more. Activity thread only.
 //
-// Actions (docs/configuration.md): the port's state in its kernel bridge, which leaves the link up and
-// lets the engine go on seeing frames; the interface's administrative state; or nothing but a report.
+// Actions (docs/configuration.md): the port's state in its kernel bridge, which leaves the link up
+// and lets the engine go on seeing frames; the interface's administrative state; or nothing but a
+// report.
 //
 // Invariants:
 //  1. Only what this object has taken down does it put back up.
-//  2. What it has done to an interface is not the operator's will: adminEnabled() tells the two apart
+//  2. What it has done to an interface is not the operator's will: adminEnabled() tells the two
+//  apart
 //     and LinkDirectory publishes its answer.
-//  3. The action of a held interface stands: when the kernel resets it (a bridge port's state after a
-//     link flap), it is made again. What the operator undoes by raising the interface is his word and
-//     stays undone until the next looped probe.
+//  3. The action of a held interface stands: when the kernel resets it (a bridge port's state after
+//  a
+//     link flap), it is made again. What the operator undoes by raising the interface is his word
+//     and stays undone until the next looped probe.
 #pragma once
 
 #include <cstdint>
@@ -103,14 +106,15 @@ class Errdisable final : public Vex::Machine<Errdisable> {
   struct Held {
     int ifindex;
     ErrdisableAction action;  // never automatic
+    bool ours;                // false: the interface was out of service before
   };
 
   auto vexReactors() { return std::tie(cause_); }
   static auto vexOwned() { return std::tie(); }
 
-  // Takes the link down; `made` is set to the action made or tried last.
-  std::error_code take(const LinkInfo& link, ErrdisableAction& made);
-  std::error_code apply(int ifindex, ErrdisableAction action);
+  // Takes the link down; `held` tells what was made, or tried last.
+  std::error_code take(const LinkInfo& link, Held& held);
+  std::error_code apply(Held& held);
   void release(const Portus::IntfId& intfId);
 
   Vex::Ptr<VexCause> cause_;

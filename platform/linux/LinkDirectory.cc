@@ -43,9 +43,7 @@ Bridging::VlanBitmap bitmapOf(const BridgeVlans& vlans) {
 
 LinkDirectory::LinkDirectory(DirectoryEntities entities, Vex::Ptr<PacketAccess> access,
                              PortSelection selection)
-    : entities_(std::move(entities)),
-      access_(std::move(access)),
-      selection_(std::move(selection)) {
+    : entities_(std::move(entities)), access_(std::move(access)), selection_(std::move(selection)) {
   entities_.brTopoConfig->vlansIs(selection_.vlans);
 }
 
@@ -137,8 +135,7 @@ void LinkDirectory::portIs(const Portus::IntfId& intfId, const LinkInfo& link) {
       filtering ? Bridging::VlanIdOrNone(kernel.pvid <= Bridging::kMaxVlanId ? kernel.pvid
                                                                              : std::uint16_t{0})
                 : selection_.nativeVlan);
-  entities_.brTopoStatus->intfVlansIs(intfId,
-                                      filtering ? bitmapOf(kernel) : selection_.vlans);
+  entities_.brTopoStatus->intfVlansIs(intfId, filtering ? bitmapOf(kernel) : selection_.vlans);
 }
 
 void LinkDirectory::intfDel(const Portus::IntfId& intfId) {

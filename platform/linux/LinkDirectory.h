@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Platform::Linux::LinkDirectory: turns the links of a network namespace into the interfaces, ports and
-// memberships that the engine reads. Listens to a LinkMonitor and fills the agent's entities. Activity
-// thread only.
+// Platform::Linux::LinkDirectory: turns the links of a network namespace into the interfaces, ports
+// and memberships that the engine reads. Listens to a LinkMonitor and fills the agent's entities.
+// Activity thread only.
 //
 // Every Ethernet link but the loopback and bridges is an interface; those that the selection admits
-// are ports and carry VLANs. An interface is known by its name: a renamed link is one interface that
-// goes and another that comes; a link that leaves its bridge stays an interface and is no port.
+// are ports and carry VLANs. An interface is known by its name: a renamed link is one interface
+// that goes and another that comes; a link that leaves its bridge stays an interface and is no
+// port.
 //
 // Invariants:
 //  1. What a port needs is there before its membership says that it is one, and what says that the
@@ -31,10 +32,10 @@ namespace Platform::Linux {
 
 // Which links are ports: those of one bridge, or those that a predicate picks by name.
 struct PortSelection {
-  std::string bridge;                                   // empty: by `match`
-  std::function<bool(std::string_view name)> match;     // used without `bridge`
-  Bridging::VlanBitmap vlans;          // of ports whose bridge does not filter VLANs
-  Bridging::VlanIdOrNone nativeVlan{1};  // of the same ports
+  std::string bridge;                                // empty: by `match`
+  std::function<bool(std::string_view name)> match;  // used without `bridge`
+  Bridging::VlanBitmap vlans;                        // of ports whose bridge does not filter VLANs
+  Bridging::VlanIdOrNone nativeVlan{1};              // of the same ports
 };
 
 // The entities to fill; the agent owns them.

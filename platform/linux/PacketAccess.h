@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Platform::Linux::PacketAccess: packet access to the interfaces of a network namespace for the
-// engine. Owns the one shared packet socket, reads it in bounded batches and hands each frame to the
-// Pam of its interface. Activity thread only.
+// engine. Owns the one shared packet socket, reads it in bounded batches and hands each frame to
+// the Pam of its interface. Activity thread only.
 //
-// Counted: the devices and Pams that it makes keep it alive. The socket is open while there is a Pam.
+// Counted: the devices and Pams that it makes keep it alive. The socket is open while there is a
+// Pam.
 //
 // Invariants:
-//  1. A frame counts only if its interface has a Pam. A bridge hands every frame up a second time on
+//  1. A frame counts only if its interface has a Pam. A bridge hands every frame up a second time
+//  on
 //     its own device; that device has no Pam.
 //  2. With the source guard on, only frames from the present source address are delivered.
 //  3. One turn of the loop handles at most kFramesPerTurn frames, whatever arrives.

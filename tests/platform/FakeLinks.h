@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// A kernel for tests of what stands above rtnetlink: links in a map, changed by the actions that
+// are tested, with every request recorded. One thread.
+#pragma once
+
+#include <net/if.h>
+#include <net/if_arp.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/linux/Errdisable.h"
+
+namespace Platform::Linux {
+
+inline LinkInfo ethernetLink(int ifindex, const std::string& name) {
+  LinkInfo link;
+  link.ifindex = ifindex;
+  link.name = name;
+  link.arpType = ARPHRD_ETHER;
+  link.flags = IFF_UP;
+  link.carrier = true;
+  link.address =
+      Portus::EthAddr(Portus::EthAddr::Bytes{2, 0, 0, 0, 0, static_cast<std::uint8_t>(ifindex)});
+  return link;
+}
+
+inline LinkInfo bridgePort(int ifindex, const std::string& name, int bridge) {
+  LinkInfo link = ethernetLink(ifindex, name);
+  link.master = bridge;
+  link.slaveKind = "bridge";
+  link.bridgePortState = std::uint8_t{3};
+  return link;
+}
+
+inline LinkInfo bridgeLink(int ifindex, const std::string& name) {
+  LinkInfo link = ethernetLink(ifindex, name);
+  link.kind = "bridge";
+  return link;
+}
+
+class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
+ public:
+  std::error_code adminUpIs(int ifindex, bool up) override {
+    requests.push_back((up ? "up " : "down ") + std::to_string(ifindex));
+    if (adminError) return adminError;
+    auto& flags = links[ifindex].flags;
+    flags = up ? flags | IFF_UP : flags & ~static_cast<unsigned>(IFF_UP);
+    return {};
+  }
+  std::error_code bridgePortStateIs(int ifindex, std::uint8_t state) override {
+    requests.push_back("state " + std::to_string(state) + " " + std::to_string(ifindex));
+    if (portError) return portError;
+    links[ifindex].bridgePortState = state;
+    return {};
+  }
+  std::optional<LinkInfo> read(int ifindex) override {
+    const auto at = links.find(ifindex);
+    return at != links.end() ? std::optional(at->second) : std::nullopt;
+  }
+  const LinkInfo* link(const Portus::IntfId& intfId) const override {
+    for (const auto& [ifindex, link] : links) {
+      if (link.name == intfId.name()) return &link;
+    }
+    return nullptr;
+  }
+
+  std::map<int, LinkInfo> links;
+  std::vector<std::string> requests;
+  std::error_code adminError;
+  std::error_code portError;
+};
+
+}  // namespace Platform::Linux
