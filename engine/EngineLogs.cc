@@ -3,12 +3,12 @@
 
 namespace Ringward {
 
-const Vex::LogHandle RINGWARD_RX_OTHER(
-    "RINGWARD_RX_OTHER", Vex::LogSeverity::informational,
-    "Received a malformed Ringward packet on interface %s",
-    "This may be caused by other switches on the network using ether type 0x88B7, but the source mac "
-    "for the packet matched this switch.",
-    Vex::NoActionRequired, 0.0, 1.0, 0);
+const Vex::LogHandle RINGWARD_RX_OTHER("RINGWARD_RX_OTHER", Vex::LogSeverity::informational,
+                                       "Received a malformed Ringward packet on interface %s",
+                                       "This may be caused by other switches on the network using "
+                                       "ether type 0x88B7, but the source mac "
+                                       "for the packet matched this switch.",
+                                       Vex::NoActionRequired, 0.0, 1.0, 0);
 
 const Vex::LogHandle RINGWARD_INTF_UP(
     "RINGWARD_INTF_UP", Vex::LogSeverity::informational,

@@ -7,8 +7,8 @@
 
 namespace Ringward {
 
-extern const Vex::LogHandle RINGWARD_RX_OTHER;   // argument: the receiving interface
-extern const Vex::LogHandle RINGWARD_INTF_UP;    // argument: the interface
-extern const Vex::LogHandle RINGWARD_THROTTLE;   // no argument
+extern const Vex::LogHandle RINGWARD_RX_OTHER;  // argument: the receiving interface
+extern const Vex::LogHandle RINGWARD_INTF_UP;   // argument: the interface
+extern const Vex::LogHandle RINGWARD_THROTTLE;  // no argument
 
 }  // namespace Ringward

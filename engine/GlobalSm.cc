@@ -26,8 +26,7 @@ constexpr std::uint8_t kSockPrio = 3;
 constexpr std::uint32_t kTickMsecs = 10;
 constexpr std::uint32_t kMaxTicks = 60480000;  // seven days
 constexpr std::uint32_t kBucketSize = 1024;
-constexpr Portus::EthAddr kBroadcast(
-    Portus::EthAddr::Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+constexpr Portus::EthAddr kBroadcast(Portus::EthAddr::Bytes{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
 
 // Accepts frames of type 0x88B7, bare or behind one tag of type 0x8100 or 0x9100.
 constexpr sock_filter kSocketFilter[] = {
@@ -50,8 +49,8 @@ RingwardIntfFilter* newIntfFilter() {
 }
 
 // A machine's numbers for MlagState, as far as the engine tells them apart.
-constexpr auto kSharedAddress = Mlag::MlagState::primary;                 // 3
-constexpr auto kSharedAddressAggressive = Mlag::MlagState::secondary;     // 4
+constexpr auto kSharedAddress = Mlag::MlagState::primary;              // 3
+constexpr auto kSharedAddressAggressive = Mlag::MlagState::secondary;  // 4
 static_assert(static_cast<int>(kSharedAddress) == 3);
 static_assert(static_cast<int>(kSharedAddressAggressive) == 4);
 
@@ -130,9 +129,8 @@ Vex::Ptr<VlanIntfTxSm> GlobalSm::vlanIntfTxSm(Bridging::VlanId vlanId,
 
 void GlobalSm::handleGlobalEnabled() {
   const bool enabled = required(arguments_.config).globalEnabled();
-  Vex::trace(ringwardSmTrace, 8, [enabled](std::ostream& os) {
-    os << "handleGlobalEnabled enabled: " << enabled;
-  });
+  Vex::trace(ringwardSmTrace, 8,
+             [enabled](std::ostream& os) { os << "handleGlobalEnabled enabled: " << enabled; });
   if (enabled) {
     enable();
   } else {
@@ -191,9 +189,8 @@ void GlobalSm::handleMacAddr() {
     status.srcAddrIs(required(arguments_.brConfig).bridgeMacAddr());
   }
   status.aggressiveDisableIs(state == kSharedAddressAggressive);
-  Vex::trace(ringwardSmTrace, 9, [&](std::ostream& os) {
-    os << "Changing source address to: " << status.srcAddr();
-  });
+  Vex::trace(ringwardSmTrace, 9,
+             [&](std::ostream& os) { os << "Changing source address to: " << status.srcAddr(); });
 }
 
 void GlobalSm::handleMlagPeer() {
@@ -219,9 +216,8 @@ void GlobalSm::topoLibStateIs(const Vex::Name& name) {
 void GlobalSm::topoLibSmIs() {
   const Vex::Name name("topoLibSm");
   constexpr std::uint32_t kMode = 1;
-  const auto filter = static_cast<std::uint64_t>(
-      reinterpret_cast<std::uintptr_t>(
-          static_cast<Topology::Library::FilterIntf*>(Topology::Library::topoLibIntfFilter)));
+  const auto filter = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(
+      static_cast<Topology::Library::FilterIntf*>(Topology::Library::topoLibIntfFilter)));
   if (topoLibSm_ && topoLibSm_->name() == name &&
       topoLibSm_->config() == arguments_.brTopoConfig.get() &&
       topoLibSm_->status() == arguments_.brTopoStatus.get() &&
@@ -230,10 +226,10 @@ void GlobalSm::topoLibSmIs() {
     return;
   }
   topoLibSm_ = nullptr;
-  topoLibSm_ = Vex::makePtr<LibSm>(name, arguments_.brTopoConfig, arguments_.brTopoStatus,
-                                   /*statusInst=*/nullptr, arguments_.brConfig, topoLibState_,
-                                   kMode, /*ignoreInternalVlan=*/false, /*deferProcessing=*/true,
-                                   filter);
+  topoLibSm_ =
+      Vex::makePtr<LibSm>(name, arguments_.brTopoConfig, arguments_.brTopoStatus,
+                          /*statusInst=*/nullptr, arguments_.brConfig, topoLibState_, kMode,
+                          /*ignoreInternalVlan=*/false, /*deferProcessing=*/true, filter);
 }
 
 void GlobalSm::topoLibVlanStateIs(const Vex::Name& name) {
@@ -274,8 +270,8 @@ void GlobalSm::intfStatusManagerIs() {
   }
   intfStatusManager_ = nullptr;
   intfStatusManager_ = Vex::makePtr<Interface::IntfStatusManager>(
-      nullptr, arguments_.allIntfStatusDir, arguments_.allIntfStatusLocalDir,
-      deviceIntfStatusDir_, nullptr, nullptr);
+      nullptr, arguments_.allIntfStatusDir, arguments_.allIntfStatusLocalDir, deviceIntfStatusDir_,
+      nullptr, nullptr);
 }
 
 void GlobalSm::ethDevPamManagerIs() {
@@ -304,10 +300,10 @@ void GlobalSm::timerWheelIs() {
 
 void GlobalSm::vlanIntfSmManagerIs() {
   const VlanIntfSmManager::Arguments wanted{
-      arguments_.config,        topoLibVlanState_,        ethDevPamCollection_,
-      arguments_.status,        arguments_.transmitStatus, arguments_.ringwardCause,
-      pamDesiredIntfDir_,       arguments_.packetCounter, timerWheel_,
-      arguments_.brConfig,      arguments_.allIntfStatusDir};
+      arguments_.config,   topoLibVlanState_,          ethDevPamCollection_,
+      arguments_.status,   arguments_.transmitStatus,  arguments_.ringwardCause,
+      pamDesiredIntfDir_,  arguments_.packetCounter,   timerWheel_,
+      arguments_.brConfig, arguments_.allIntfStatusDir};
   if (vlanIntfSmManager_ && vlanIntfSmManager_->arguments() == wanted) return;
   vlanIntfSmManager_ = nullptr;
   vlanIntfSmManager_ = vlanIntfSmManagerFactory(
@@ -323,16 +319,15 @@ void GlobalSm::transmitSmIs() {
       transmitSm_->transmitStatus() == arguments_.transmitStatus &&
       transmitSm_->ethDevPamColl() == ethDevPamCollection_ &&
       transmitSm_->packetCounter() == arguments_.packetCounter &&
-      transmitSm_->status() == arguments_.status &&
-      transmitSm_->topoLibState() == topoLibState_ &&
+      transmitSm_->status() == arguments_.status && transmitSm_->topoLibState() == topoLibState_ &&
       transmitSm_->brConfig() == arguments_.brConfig) {
     return;
   }
   transmitSm_ = nullptr;
-  transmitSm_ = transmitSmFactory(Vex::Ptr<Helm::TimerWheel const>(timerWheel_), transmitConfig,
-                                  arguments_.transmitStatus, ethDevPamCollection_,
-                                  arguments_.packetCounter, arguments_.status, topoLibState_,
-                                  arguments_.brConfig, this);
+  transmitSm_ =
+      transmitSmFactory(Vex::Ptr<Helm::TimerWheel const>(timerWheel_), transmitConfig,
+                        arguments_.transmitStatus, ethDevPamCollection_, arguments_.packetCounter,
+                        arguments_.status, topoLibState_, arguments_.brConfig, this);
 }
 
 Vex::Ptr<GlobalSm> globalSmFactory(

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Ringward::GlobalSm: the root of the engine and, with globalSmFactory, the one point at which an
-// agent enters it. Builds the tree of machines when the engine is enabled and takes it down when it is
-// disabled, decides the source address of the probes, keeps the peer link out of detection and clears
-// the counters. Owned by the agent; activity thread only.
+// agent enters it. Builds the tree of machines when the engine is enabled and takes it down when it
+// is disabled, decides the source address of the probes, keeps the peer link out of detection and
+// clears the counters. Owned by the agent; activity thread only.
 //
 // Disabling keeps the directories and managers of packet access, which may hold sockets, and builds
-// everything else anew at the next enabling. Dropping the last reference releases everything without
-// running the disable path: an agent that wants its interfaces back disables first.
+// everything else anew at the next enabling. Dropping the last reference releases everything
+// without running the disable path: an agent that wants its interfaces back disables first.
 #pragma once
 
 #include <string_view>
@@ -163,12 +163,10 @@ class GlobalSm final : public Vex::Machine<GlobalSm> {
     void vexReplay() override { onBridgeMacAddr(); }
   };
 
-  auto vexReactors() {
-    return std::tie(config_, status_, mlagStatus_, transmitStatus_, brConfig_);
-  }
+  auto vexReactors() { return std::tie(config_, status_, mlagStatus_, transmitStatus_, brConfig_); }
   auto vexOwned() {
-    return std::tie(intfStatusManager_, ethDevPamManager_, topoLibSm_, topoLibVlanSm_,
-                    timerWheel_, vlanIntfSmManager_, transmitSm_);
+    return std::tie(intfStatusManager_, ethDevPamManager_, topoLibSm_, topoLibVlanSm_, timerWheel_,
+                    vlanIntfSmManager_, transmitSm_);
   }
 
   void enable();

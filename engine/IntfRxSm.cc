@@ -53,14 +53,14 @@ void IntfRxSm::pamDel() {
 }
 
 PacketEncapsulation IntfRxSm::parsePacket(const Vex::Ptr<Portus::Pkt>& pkt) const {
-  return readProbe(
-      *pkt, switchIntfConfig_ ? switchIntfConfig_->nativeVlan() : Bridging::VlanIdOrNone());
+  return readProbe(*pkt,
+                   switchIntfConfig_ ? switchIntfConfig_->nativeVlan() : Bridging::VlanIdOrNone());
 }
 
 bool IntfRxSm::disables(const PacketEncapsulation& probe) const {
   if (status_->aggressiveDisable()) return true;
-  // A probe is this system's own if its sender is among this system's interfaces. While the sender is
-  // down its probes are old news: of the two ends of a loop only the first to hear goes down.
+  // A probe is this system's own if its sender is among this system's interfaces. While the sender
+  // is down its probes are old news: of the two ends of a loop only the first to hear goes down.
   const auto sender = status_->intfStatus(probe.senderIntfId);
   return sender && !sender->disabled();
 }
@@ -132,8 +132,7 @@ Vex::Ptr<Status::IntfStatus> IntfRxSm::presentIntfStatus() const {
 }
 
 Vex::Ptr<IntfRxSm> intfRxSmFactory(
-    const Portus::IntfId& intfId,
-    const Vex::Ptr<Config::GlobalIntfConfig const>& globalIntfConfig,
+    const Portus::IntfId& intfId, const Vex::Ptr<Config::GlobalIntfConfig const>& globalIntfConfig,
     const Vex::Ptr<Bridging::SwitchIntfConfig const>& switchIntfConfig,
     const Vex::Ptr<Status::Status const>& status,
     const Vex::Ptr<Helm::TimerWheel const>& timerWheel,

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::IntfRxSm: the receive machine of one interface under detection. Reads and counts frames,
-// takes the interface down when a probe shows a loop, and brings it back when its time has run out.
-// Owned by Ringward::VlanIntfSmManager. Activity thread only.
+// Ringward::IntfRxSm: the receive machine of one interface under detection. Reads and counts
+// frames, takes the interface down when a probe shows a loop, and brings it back when its time has
+// run out. Owned by Ringward::VlanIntfSmManager. Activity thread only.
 //
-// `intfStatus` is null for an interface that is wanted for its errdisable cause alone when the engine
-// starts. The machine then takes the entry that the status root has made by the time it needs one;
-// without any it counts and does nothing else.
+// `intfStatus` is null for an interface that is wanted for its errdisable cause alone when the
+// engine starts. The machine then takes the entry that the status root has made by the time it
+// needs one; without any it counts and does nothing else.
 #pragma once
 
 #include <string_view>
@@ -30,13 +30,11 @@ class IntfRxSm final : public Vex::Machine<IntfRxSm>, public Vex::HashMapLink {
   static constexpr std::string_view kTypeName = "Ringward::IntfRxSm";
 
   // Use intfRxSmFactory. `switchIntfConfig` and `intfStatus` may be null.
-  IntfRxSm(const Portus::IntfId& intfId,
-           Vex::Ptr<Config::GlobalIntfConfig const> globalIntfConfig,
+  IntfRxSm(const Portus::IntfId& intfId, Vex::Ptr<Config::GlobalIntfConfig const> globalIntfConfig,
            Vex::Ptr<Bridging::SwitchIntfConfig const> switchIntfConfig,
            Vex::Ptr<Status::Status const> status,
            const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
-           Vex::Ptr<Status::PacketCounter> packetCounter,
-           Vex::Ptr<Status::IntfStatus> intfStatus,
+           Vex::Ptr<Status::PacketCounter> packetCounter, Vex::Ptr<Status::IntfStatus> intfStatus,
            Vex::Ptr<Errdisable::CauseStatus> ringwardCause);
   ~IntfRxSm() override;
 
@@ -111,8 +109,7 @@ class IntfRxSm final : public Vex::Machine<IntfRxSm>, public Vex::HashMapLink {
 
 // Makes the machine, takes up a disabled status that it finds, and sets notification active.
 Vex::Ptr<IntfRxSm> intfRxSmFactory(
-    const Portus::IntfId& intfId,
-    const Vex::Ptr<Config::GlobalIntfConfig const>& globalIntfConfig,
+    const Portus::IntfId& intfId, const Vex::Ptr<Config::GlobalIntfConfig const>& globalIntfConfig,
     const Vex::Ptr<Bridging::SwitchIntfConfig const>& switchIntfConfig,
     const Vex::Ptr<Status::Status const>& status,
     const Vex::Ptr<Helm::TimerWheel const>& timerWheel,

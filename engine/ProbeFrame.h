@@ -4,8 +4,8 @@
 // functions over a packet buffer: no state, any thread.
 //
 // Reading is lax: the socket filter has judged the outer types before, and what gets here is judged
-// by its payload. Some of what readProbe() accepts the filter never lets through; it is accepted all
-// the same.
+// by its payload. Some of what readProbe() accepts the filter never lets through; it is accepted
+// all the same.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,10 @@ inline constexpr std::size_t kTaggedProbeSize = 32;
 void writeProbe(Portus::Pkt& pkt, const PacketEncapsulation& probe,
                 Bridging::VlanIdOrNone nativeVlan);
 
-// Takes a frame apart; `nativeVlan` is that of the receiving interface. A frame that is no valid probe
-// gives an all-zero `mac` and the VLAN as far as it was worked out. Raises the range exception
-// "VlanIdOrNone::value > 4094 not allowed" for a tag with VLAN 4095. Reads nothing outside the
-// packet's current fragment.
+// Takes a frame apart; `nativeVlan` is that of the receiving interface. A frame that is no valid
+// probe gives an all-zero `mac` and the VLAN as far as it was worked out. Raises the range
+// exception "VlanIdOrNone::value > 4094 not allowed" for a tag with VLAN 4095. Reads nothing
+// outside the packet's current fragment.
 PacketEncapsulation readProbe(const Portus::Pkt& pkt, Bridging::VlanIdOrNone nativeVlan);
 
 }  // namespace Ringward

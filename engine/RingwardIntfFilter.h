@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Topology::Library::RingwardIntfFilter: which interfaces can carry probes at all: Ethernet ports and
-// port channels, but not a port channel that stands for the peer of a multi-chassis pair. Activity
-// thread only.
+// Topology::Library::RingwardIntfFilter: which interfaces can carry probes at all: Ethernet ports
+// and port channels, but not a port channel that stands for the peer of a multi-chassis pair.
+// Activity thread only.
 #pragma once
 
 #include "runtime/topology/LibSm.h"

@@ -62,10 +62,10 @@ class TransmitSm::Drain {
 
  private:
   enum class At : std::uint8_t {
-    begin,      // of the handler
-    highDone,   // regular only: the call of the high handler has returned
-    loop,       // the head of the loop
-    dequeued    // the level below, opened by a dequeue, has returned
+    begin,     // of the handler
+    highDone,  // regular only: the call of the high handler has returned
+    loop,      // the head of the loop
+    dequeued   // the level below, opened by a dequeue, has returned
   };
   struct Level {
     bool regular;
@@ -74,7 +74,9 @@ class TransmitSm::Drain {
     std::optional<TransmitStatus::Dequeue> taken;
   };
 
-  void open(bool regular, bool notified) { levels_.push_back(Level{regular, notified, At::begin, {}}); }
+  void open(bool regular, bool notified) {
+    levels_.push_back(Level{regular, notified, At::begin, {}});
+  }
 
   void close(bool result) {
     result_ = result;
@@ -123,7 +125,8 @@ class TransmitSm::Drain {
       return;
     }
     ++sm_.transmitCount_;
-    levels_.back().taken = regular ? queues.regularPriorityDeqBegin() : queues.highPriorityDeqBegin();
+    levels_.back().taken =
+        regular ? queues.regularPriorityDeqBegin() : queues.highPriorityDeqBegin();
     levels_.back().at = At::dequeued;
     // What follows may run foreign handlers, but they cannot reach this object: a handler of this
     // machine that they lead to is a drain of its own.
@@ -142,16 +145,16 @@ class TransmitSm::Drain {
     sm_.sendPacket(request);
   }
 
-  // An exception ends the levels up to the notification that opened them, and the walk goes on behind
-  // it. Without one it is the caller's. Called inside the catch clause.
+  // An exception ends the levels up to the notification that opened them, and the walk goes on
+  // behind it. Without one it is the caller's. Called inside the catch clause.
   void unwind() {
     while (!levels_.empty()) {
       const bool notified = levels_.back().notified;
       const bool regular = levels_.back().regular;
       levels_.pop_back();
       if (notified) {
-        sm_.transmitStatus_->onNotificationException(
-            regular ? TransmitStatus::kRegularPriority : TransmitStatus::kHighPriority);
+        sm_.transmitStatus_->onNotificationException(regular ? TransmitStatus::kRegularPriority
+                                                             : TransmitStatus::kHighPriority);
         return;
       }
     }

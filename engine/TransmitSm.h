@@ -1,15 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::TransmitSm: the transmit scheduler, through which every probe leaves. Drains the two queues
-// of TransmitStatus, the high one first, under a limit of probes per window of one second. One for
-// each system, owned by Ringward::GlobalSm. Activity thread only.
+// Ringward::TransmitSm: the transmit scheduler, through which every probe leaves. Drains the two
+// queues of TransmitStatus, the high one first, under a limit of probes per window of one second.
+// One for each system, owned by Ringward::GlobalSm. Activity thread only.
 //
 // The rule that the order of everything follows from is a nested one: taking a request off a queue
-// notifies, the notification runs the handler again, and only then is the request sent. So a handler
-// that finds N requests sends them in reverse, charges each before it takes it, and each level that
-// ends with work left makes its own attempt at the throttle entry. This class gives exactly that order
-// without the nesting: levels are frames on a heap (Drain), and what the notification owes to the other
-// notifiees is delivered ahead of the level below and behind it, as the walk would.
+// notifies, the notification runs the handler again, and only then is the request sent. So a
+// handler that finds N requests sends them in reverse, charges each before it takes it, and each
+// level that ends with work left makes its own attempt at the throttle entry. This class gives
+// exactly that order without the nesting: levels are frames on a heap (Drain), and what the
+// notification owes to the other notifiees is delivered ahead of the level below and behind it, as
+// the walk would.
 #pragma once
 
 #include <cstdint>
@@ -41,8 +42,7 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
              const Vex::Ptr<Config::TransmitConfig const>& transmitConfig,
              const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
              Vex::Ptr<Interface::EthDevPamCollection const> ethDevPamColl,
-             Vex::Ptr<Status::PacketCounter> packetCounter,
-             Vex::Ptr<Status::Status const> status,
+             Vex::Ptr<Status::PacketCounter> packetCounter, Vex::Ptr<Status::Status const> status,
              Vex::Ptr<Topology::Library::LibState const> topoLibState,
              Vex::Ptr<Bridging::Config const> brConfig, GlobalSm* globalSm);
   ~TransmitSm() override;
@@ -131,8 +131,8 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   GlobalSm* const globalSm_;
 };
 
-// Makes the machine, serves what the queues already hold and sets notification active. `globalSm` may
-// be null; then no transmitter is found.
+// Makes the machine, serves what the queues already hold and sets notification active. `globalSm`
+// may be null; then no transmitter is found.
 Vex::Ptr<TransmitSm> transmitSmFactory(
     const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
     const Vex::Ptr<Config::TransmitConfig const>& transmitConfig,

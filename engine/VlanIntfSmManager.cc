@@ -13,8 +13,8 @@ using Topology::Library::Vlan::TopoVlan;
 VlanIntfSmManager::VlanIntfSmManager(const Arguments& arguments)
     : arguments_(arguments),
       config_(Vex::newReactor<VexConfig>(this, Vex::validPtr(arguments.config))),
-      topoLibVlanState_(Vex::newReactor<VexTopoLibVlanState>(
-          this, Vex::validPtr(arguments.topoLibVlanState))),
+      topoLibVlanState_(
+          Vex::newReactor<VexTopoLibVlanState>(this, Vex::validPtr(arguments.topoLibVlanState))),
       ethDevPamCollection_(Vex::newReactor<VexEthDevPamCollection>(
           this, Vex::validPtr(arguments.ethDevPamCollection))),
       transmitStatus_(Vex::newReactor<VexTransmitStatus>(
@@ -44,8 +44,8 @@ Vex::Ptr<VlanSm> VlanIntfSmManager::vlanSmIs(Bridging::VlanId vlanId,
     return present;
   }
   auto made = vlanSmFactory(vlanId, topoVlan, arguments_.config, arguments_.ethDevPamCollection,
-                            arguments_.status, arguments_.transmitStatus,
-                            arguments_.packetCounter, this, arguments_.timerWheel);
+                            arguments_.status, arguments_.transmitStatus, arguments_.packetCounter,
+                            this, arguments_.timerWheel);
   vlanSm_.memberIs(made);
   return Vex::validPtr(std::move(made));
 }
@@ -64,9 +64,8 @@ void VlanIntfSmManager::intfRxSmIs(const Portus::IntfId& intfId) {
     requireSameArgument("_ringwardCause", arguments_.ringwardCause, present->ringwardCause());
     return;
   }
-  intfRxSm_.memberIs(intfRxSmFactory(intfId, globalIntfConfig, switchIntfConfig,
-                                     arguments_.status, arguments_.timerWheel,
-                                     arguments_.packetCounter, intfStatus,
+  intfRxSm_.memberIs(intfRxSmFactory(intfId, globalIntfConfig, switchIntfConfig, arguments_.status,
+                                     arguments_.timerWheel, arguments_.packetCounter, intfStatus,
                                      arguments_.ringwardCause));
 }
 
@@ -95,9 +94,9 @@ void VlanIntfSmManager::handleVlanConfigEnabled(Bridging::VlanId vlanId) {
   if (enabled && valid && !vlanSm_.has(vlanId)) {
     vlanSmIs(vlanId, topoVlan);
   } else {
-    // Every other case, an enabled VLAN that has its machine included: a second event for such a VLAN
-    // ends its machine, and it takes a further one to bring it back. So the topology tells of each
-    // change once.
+    // Every other case, an enabled VLAN that has its machine included: a second event for such a
+    // VLAN ends its machine, and it takes a further one to bring it back. So the topology tells of
+    // each change once.
     vlanSmDel(vlanId);
   }
 }
@@ -191,8 +190,7 @@ Vex::Ptr<VlanIntfSmManager> vlanIntfSmManagerFactory(
     const Vex::Ptr<Config::Config const>& config,
     const Vex::Ptr<Topology::Library::Vlan::LibVlanState const>& topoLibVlanState,
     const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
-    const Vex::Ptr<Status::Status>& status,
-    const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
+    const Vex::Ptr<Status::Status>& status, const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
     const Vex::Ptr<Errdisable::CauseStatus>& ringwardCause,
     const Vex::Ptr<Interface::PamDesiredIntfDir>& pamDesiredIntfDir,
     const Vex::Ptr<Status::PacketCounter>& packetCounter,

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::VlanIntfSmManager: decides which VLANs have a Ringward::VlanSm and which interfaces have a
-// Ringward::IntfRxSm, a wish for packet access and a status entry. Owned by Ringward::GlobalSm while
-// the engine is enabled. Activity thread only.
+// Ringward::VlanIntfSmManager: decides which VLANs have a Ringward::VlanSm and which interfaces
+// have a Ringward::IntfRxSm, a wish for packet access and a status entry. Owned by
+// Ringward::GlobalSm while the engine is enabled. Activity thread only.
 //
-// Invariant: intfRxSm has a member for an interface exactly when desiredIntfsWithVlan does, whenever a
-// handler starts. Changing the latter runs handleDesiredIntf() on the spot.
+// Invariant: intfRxSm has a member for an interface exactly when desiredIntfsWithVlan does,
+// whenever a handler starts. Changing the latter runs handleDesiredIntf() on the spot.
 #pragma once
 
 #include <string_view>
@@ -136,8 +136,7 @@ class VlanIntfSmManager final : public Vex::Machine<VlanIntfSmManager> {
       react([&](VlanIntfSmManager& sm) { sm.handleEthDevPam(intfId); });
     }
   };
-  class VexTransmitStatus final
-      : public Vex::Reactor<VlanIntfSmManager, Status::TransmitStatus> {};
+  class VexTransmitStatus final : public Vex::Reactor<VlanIntfSmManager, Status::TransmitStatus> {};
   class VexRingwardCause final : public Vex::Reactor<VlanIntfSmManager, Errdisable::CauseStatus> {
    public:
     void onIntfStatus(const Portus::IntfId& intfId) override {
@@ -175,8 +174,7 @@ Vex::Ptr<VlanIntfSmManager> vlanIntfSmManagerFactory(
     const Vex::Ptr<Config::Config const>& config,
     const Vex::Ptr<Topology::Library::Vlan::LibVlanState const>& topoLibVlanState,
     const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
-    const Vex::Ptr<Status::Status>& status,
-    const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
+    const Vex::Ptr<Status::Status>& status, const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
     const Vex::Ptr<Errdisable::CauseStatus>& ringwardCause,
     const Vex::Ptr<Interface::PamDesiredIntfDir>& pamDesiredIntfDir,
     const Vex::Ptr<Status::PacketCounter>& packetCounter,

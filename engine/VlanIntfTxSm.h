@@ -2,8 +2,8 @@
 //
 // Ringward::VlanIntfTxSm: the transmitter of one pair of interface and VLAN. It paces: every
 // transmitInterval seconds it asks the scheduler for one probe, and it stops asking while its
-// interface is disabled. Owned by the Ringward::VlanSm of its VLAN; there may be 262,144, so its size
-// counts. Activity thread only.
+// interface is disabled. Owned by the Ringward::VlanSm of its VLAN; there may be 262,144, so its
+// size counts. Activity thread only.
 #pragma once
 
 #include <string_view>

@@ -15,15 +15,15 @@ VlanSm::VlanSm(Bridging::VlanId vlanId,
                const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
                const Vex::Ptr<Status::Status>& status,
                Vex::Ptr<Status::TransmitStatus> transmitStatus,
-               Vex::Ptr<Status::PacketCounter> packetCounter,
-               VlanIntfSmManager* vlanIntfSmManager, Vex::Ptr<Helm::TimerWheel const> timerWheel)
+               Vex::Ptr<Status::PacketCounter> packetCounter, VlanIntfSmManager* vlanIntfSmManager,
+               Vex::Ptr<Helm::TimerWheel const> timerWheel)
     : vlanId_(vlanId),
       topoVlan_(Vex::newReactor<VexTopoVlan>(this, Vex::validPtr(topoVlan))),
       config_(Vex::newReactor<VexConfig>(this, Vex::validPtr(config))),
       ethDevPamCollection_(
           Vex::newReactor<VexEthDevPamCollection>(this, Vex::validPtr(ethDevPamCollection))),
-      status_(Vex::newReactor<VexStatus>(this,
-                                         Vex::Ptr<Status::Status const>(Vex::validPtr(status)))),
+      status_(
+          Vex::newReactor<VexStatus>(this, Vex::Ptr<Status::Status const>(Vex::validPtr(status)))),
       statusRef_(status),
       transmitStatus_(Vex::validPtr(std::move(transmitStatus))),
       packetCounter_(Vex::validPtr(std::move(packetCounter))),
@@ -126,8 +126,8 @@ Vex::Ptr<VlanIntfTxSm> VlanSm::vlanIntfTxSmIs(
     requireSameArgument("_transmitStatus", transmitStatus, present->transmitStatus());
     return present;
   }
-  auto made = vlanIntfTxSmFactory(intfId, vlanId, globalIntfConfig, timerWheel, intfStatus,
-                                  transmitStatus);
+  auto made =
+      vlanIntfTxSmFactory(intfId, vlanId, globalIntfConfig, timerWheel, intfStatus, transmitStatus);
   vlanIntfTxSm_.memberIs(made);
   return Vex::validPtr(std::move(made));
 }
@@ -136,8 +136,7 @@ Vex::Ptr<VlanSm> vlanSmFactory(
     Bridging::VlanId vlanId, const Vex::Ptr<Topology::Library::Vlan::TopoVlan const>& topoVlan,
     const Vex::Ptr<Config::Config const>& config,
     const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
-    const Vex::Ptr<Status::Status>& status,
-    const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
+    const Vex::Ptr<Status::Status>& status, const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
     const Vex::Ptr<Status::PacketCounter>& packetCounter, VlanIntfSmManager* vlanIntfSmManager,
     const Vex::Ptr<Helm::TimerWheel const>& timerWheel) {
   auto sm = Vex::makePtr<VlanSm>(vlanId, topoVlan, config, ethDevPamCollection, status,

@@ -29,12 +29,10 @@ class VlanSm final : public Vex::Machine<VlanSm>, public Vex::HashMapLink {
   using VlanIntfTxSmMap = Vex::HashMap<VlanIntfTxSm, Portus::IntfId>;
 
   // Use vlanSmFactory.
-  VlanSm(Bridging::VlanId vlanId,
-         const Vex::Ptr<Topology::Library::Vlan::TopoVlan const>& topoVlan,
+  VlanSm(Bridging::VlanId vlanId, const Vex::Ptr<Topology::Library::Vlan::TopoVlan const>& topoVlan,
          const Vex::Ptr<Config::Config const>& config,
          const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
-         const Vex::Ptr<Status::Status>& status,
-         Vex::Ptr<Status::TransmitStatus> transmitStatus,
+         const Vex::Ptr<Status::Status>& status, Vex::Ptr<Status::TransmitStatus> transmitStatus,
          Vex::Ptr<Status::PacketCounter> packetCounter, VlanIntfSmManager* vlanIntfSmManager,
          Vex::Ptr<Helm::TimerWheel const> timerWheel);
   ~VlanSm() override;
@@ -74,10 +72,12 @@ class VlanSm final : public Vex::Machine<VlanSm>, public Vex::HashMapLink {
   void handleVlanIntf();
   void handleIntfExclude(const Portus::IntfId& intfId);
   void handleIntfExclude();
-  // Ends the transmitter and takes the VLAN out of the interface's set, which may end the interface.
+  // Ends the transmitter and takes the VLAN out of the interface's set, which may end the
+  // interface.
   void removeIntf(const Portus::IntfId& intfId);
   void handleInitialized();
-  // Called by the owner when the engine is turned off. A VLAN that merely ends is dropped without it.
+  // Called by the owner when the engine is turned off. A VLAN that merely ends is dropped without
+  // it.
   void doPrepareToDie();
 
  private:
@@ -96,8 +96,7 @@ class VlanSm final : public Vex::Machine<VlanSm>, public Vex::HashMapLink {
       react([&](VlanSm& sm) { sm.handleIntfExclude(intfId); });
     }
   };
-  class VexEthDevPamCollection final
-      : public Vex::Reactor<VlanSm, Interface::EthDevPamCollection> {
+  class VexEthDevPamCollection final : public Vex::Reactor<VlanSm, Interface::EthDevPamCollection> {
    public:
     void onIntfPam(const Portus::IntfId& intfId) override {
       react([&](VlanSm& sm) { sm.handleVlanIntf(intfId); });
@@ -140,8 +139,7 @@ Vex::Ptr<VlanSm> vlanSmFactory(
     Bridging::VlanId vlanId, const Vex::Ptr<Topology::Library::Vlan::TopoVlan const>& topoVlan,
     const Vex::Ptr<Config::Config const>& config,
     const Vex::Ptr<Interface::EthDevPamCollection const>& ethDevPamCollection,
-    const Vex::Ptr<Status::Status>& status,
-    const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
+    const Vex::Ptr<Status::Status>& status, const Vex::Ptr<Status::TransmitStatus>& transmitStatus,
     const Vex::Ptr<Status::PacketCounter>& packetCounter, VlanIntfSmManager* vlanIntfSmManager,
     const Vex::Ptr<Helm::TimerWheel const>& timerWheel);
 

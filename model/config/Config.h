@@ -84,8 +84,8 @@ class Config final : public Vex::EntityOf<Config> {
     return intfExclude_.iteratorConst();
   }
 
-  // The children; null until made. xIs returns the child of this name: the present one, or a new one
-  // in its place.
+  // The children; null until made. xIs returns the child of this name: the present one, or a new
+  // one in its place.
   const Vex::Ptr<TransmitConfig>& transmitConfig() const noexcept { return transmitConfig_; }
   Vex::Ptr<TransmitConfig> transmitConfigIs(const Vex::Name& name);
   void transmitConfigDel();

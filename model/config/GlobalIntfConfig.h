@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::Config::GlobalIntfConfig: the tuning that all interfaces share. Written by the agent that
-// holds the configuration, read by the transmitters and the receive machines when they need it:
-// nothing watches it. Activity thread only.
+// Ringward::Config::GlobalIntfConfig: the tuning that all interfaces share. Written by the agent
+// that holds the configuration, read by the transmitters and the receive machines when they need
+// it: nothing watches it. Activity thread only.
 #pragma once
 
 #include <cstdint>

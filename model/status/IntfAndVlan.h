@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::Status::IntfAndVlan: one pair of interface and VLAN, the element of the transmit queues.
-// A plain value.
+// Ringward::Status::IntfAndVlan: one pair of interface and VLAN, the element of the transmit
+// queues. A plain value.
 #pragma once
 
 #include <compare>

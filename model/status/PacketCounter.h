@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::Status::PacketCounter: how many probes went out and came in, per interface and per VLAN.
-// Written by the engine through countPacket() alone. Activity thread only.
+// Ringward::Status::PacketCounter: how many probes went out and came in, per interface and per
+// VLAN. Written by the engine through countPacket() alone. Activity thread only.
 //
 // The records live in the memory of this process. The operations are those that a table shared with
 // other processes offers as well, so that the place of the records can change without the engine.

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Ringward::Status::Status: the root of what the engine publishes. Given to the engine by the agent,
-// outlives it, and is read by other agents and the command line. Activity thread only.
+// Ringward::Status::Status: the root of what the engine publishes. Given to the engine by the
+// agent, outlives it, and is read by other agents and the command line. Activity thread only.
 #pragma once
 
 #include "model/status/IntfStatus.h"

@@ -21,8 +21,8 @@ IntfAndVlan TransmitStatus::deq(Attribute& attribute) {
 std::optional<TransmitStatus::Dequeue> TransmitStatus::deqBegin(Attribute& attribute) {
   const auto member = attribute.queue.deq();
   if (!member) return std::nullopt;
-  return Dequeue{member->value(), {notifiees(), attribute.id,
-                                   NotifyIndex{attribute.handler, member->vex_index()}}};
+  return Dequeue{member->value(),
+                 {notifiees(), attribute.id, NotifyIndex{attribute.handler, member->vex_index()}}};
 }
 
 void TransmitStatus::is(Attribute& attribute, std::uint32_t index, const IntfAndVlan& value) {
@@ -54,8 +54,7 @@ void TransmitStatus::pairDel(const IntfAndVlan& pair) {
 void TransmitStatus::highPriorityMetadataIs(const HighPriorityMetadata& metadata) {
   if (high_.queue.metadata() == metadata) return;
   high_.queue.metadataIs(metadata);
-  notify(kHighPriorityMetadata,
-         [](NotifieeConst& notifiee) { notifiee.onHighPriorityMetadata(); });
+  notify(kHighPriorityMetadata, [](NotifieeConst& notifiee) { notifiee.onHighPriorityMetadata(); });
 }
 
 void TransmitStatus::regularPriorityMetadataIs(const RegularPriorityMetadata& metadata) {

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Ringward::Status::TransmitStatus: the two queues of probes that wait to be sent, the work list
-// between the transmitters and the scheduler. Given to the engine by the agent, outlives it. Activity
-// thread only.
+// between the transmitters and the scheduler. Given to the engine by the agent, outlives it.
+// Activity thread only.
 //
 // Every operation notifies from inside the call. So an append in an unthrottled system has sent its
 // probe before it returns, and taking the head lets the scheduler run again before the head's value
@@ -93,8 +93,8 @@ class TransmitStatus final : public Vex::EntityOf<TransmitStatus> {
   void regularPriorityDelAll() { delAll(regular_); }
 
   // Takes out every request of one pair, first from the high queue and then from the regular one,
-  // each from head to tail, notifying each index. Costs the matches and not the length of the queues.
-  // Matches that a reaction appends behind the point reached go too.
+  // each from head to tail, notifying each index. Costs the matches and not the length of the
+  // queues. Matches that a reaction appends behind the point reached go too.
   void pairDel(const IntfAndVlan& pair);
 
   const HighPriorityMetadata& highPriorityMetadata() const noexcept {

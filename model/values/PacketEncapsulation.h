@@ -22,7 +22,8 @@ struct PacketEncapsulation {
   bool operator!() const noexcept { return *this == PacketEncapsulation(); }
 };
 
-// Writes Value('Ringward::PacketEncapsulation', ** {'mac': ..., 'vlanId': ..., 'senderIntfId': ...}).
+// Writes Value('Ringward::PacketEncapsulation', ** {'mac': ..., 'vlanId': ..., 'senderIntfId':
+// ...}).
 std::ostream& operator<<(std::ostream& os, const PacketEncapsulation& value);
 
 }  // namespace Ringward

@@ -63,6 +63,9 @@ class Config final : public Vex::EntityOf<Config> {
       {kSwitchIntfConfig, "switchIntfConfig", Vex::AttributeKind::collection}};
 
   explicit Config(const Vex::Name& name) : EntityOf(name) {}
+  ~Config() override {
+    for (auto it = switchIntfConfig_.iterator(); it; ++it) it->parentIs(nullptr);
+  }
 
   const Portus::EthAddr& bridgeMacAddr() const noexcept { return bridgeMacAddr_; }
   void bridgeMacAddrIs(const Portus::EthAddr& address) {

@@ -32,9 +32,7 @@ class Config final : public Vex::EntityOf<Config> {
 
   // The VLANs of the bridge.
   const VlanBitmap& vlans() const noexcept { return vlans_; }
-  void vlansIs(const VlanBitmap& vlans) {
-    plainIs<kVlans, &NotifieeConst::onVlans>(vlans_, vlans);
-  }
+  void vlansIs(const VlanBitmap& vlans) { plainIs<kVlans, &NotifieeConst::onVlans>(vlans_, vlans); }
   // Those of them that the system uses for itself, such as for routed ports.
   const VlanBitmap& internalVlans() const noexcept { return internalVlans_; }
   void internalVlansIs(const VlanBitmap& vlans) {
@@ -69,7 +67,8 @@ class Status final : public Vex::EntityOf<Status> {
   void intfVlansIs(const Portus::IntfId& intfId, const VlanBitmap& vlans) {
     if (intfVlans_.valueIs(intfId, vlans)) intfVlansNotify(intfId);
   }
-  void intfVlansDel(const Portus::IntfId& intfId) {
+  void intfVlansDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (intfVlans_.valueDel(intfId)) intfVlansNotify(intfId);
   }
   Collection::IteratorConst intfVlansIteratorConst() const { return intfVlans_.iteratorConst(); }

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Errdisable::CauseStatus: the interfaces that one feature wants taken down, with the time since when.
-// The feature writes it, the platform acts on it (a time that changes for an interface that is listed
-// already repeats the request), others may read it. Activity thread only.
+// Errdisable::CauseStatus: the interfaces that one feature wants taken down, with the time since
+// when. The feature writes it, the platform acts on it (a time that changes for an interface that
+// is listed already repeats the request), others may read it. Activity thread only.
 #pragma once
 
 #include "runtime/portus/IntfId.h"

@@ -108,6 +108,10 @@ void TimerWheel::runDue(double now) {
       if (timer == nullptr) break;
       timer->markIs(false);
       const Vex::Ptr<NotifieeConst> keep(timer);
+      // Only for a timer of this tick: one that is late would catch up missed intervals in a burst.
+      const bool onTick = runningTick_ == 0 || timer->timeMin() > tickTime(runningTick_ - 1);
+      const Vex::ActivityManager::TimerTime time(
+          manager_, onTick ? std::min(timer->timeMin(), now) : Vex::kNever);
       Vex::guardedNotification(*timer, 0, [timer] { timer->onTime(); });
     }
   }

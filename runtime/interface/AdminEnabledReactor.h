@@ -17,9 +17,9 @@ class AdminEnabledReactor final : public Vex::Reactor<MachineType, IntfConfig> {
  public:
   void onAdminEnabled() override {
     this->react([this](MachineType& machine) {
+      if (machine.isZombie()) return;
       // A copy: the handler may let the interface go, and this reactor with it.
-      const Portus::IntfId intfId =
-          static_cast<const IntfConfig*>(this->notifier())->intfId();
+      const Portus::IntfId intfId = static_cast<const IntfConfig*>(this->notifier())->intfId();
       machine.handleIntf(intfId);
     });
   }
@@ -39,8 +39,14 @@ class AdminEnabledReactors {
     const auto at = reactors_.find(intfId);
     if (at != reactors_.end() && at->second->notifier() == status->intfConfig().get()) return;
     release(intfId);
-    reactors_.emplace(intfId, Vex::newReactor<AdminEnabledReactor<MachineType>>(
-                                  machine, status->intfConfig()));
+    reactors_.emplace(
+        intfId, Vex::newReactor<AdminEnabledReactor<MachineType>>(machine, status->intfConfig()));
+  }
+
+  // For the machine's notification-active walk.
+  template <class Call>
+  void forEach(Call call) {
+    for (auto& [intfId, reactor] : reactors_) call(*reactor);
   }
 
   void clear() {

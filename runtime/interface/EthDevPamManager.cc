@@ -29,20 +29,24 @@ void EthDevPamManager::activeIs(bool active) {
   for (auto it = desiredIntfDir()->intfDesiredIteratorConst(); it; ++it) handleIntf(it.key());
 }
 
+Vex::Ptr<Portus::Device> EthDevPamManager::wantedDevice(const Portus::IntfId& intfId) const {
+  if (!active_ || !desiredIntfDir()->intfDesired(intfId)) return nullptr;
+  const DeviceIntfStatus status = deviceIntfStatusDir()->deviceIntfStatus(intfId);
+  return status.enabled ? status.device : nullptr;
+}
+
 void EthDevPamManager::handleIntf(const Portus::IntfId& key) {
   const Portus::IntfId intfId = key;  // the caller's key may live in an entry that goes
-  const DeviceIntfStatus status = deviceIntfStatusDir()->deviceIntfStatus(intfId);
-  const bool wanted =
-      active_ && desiredIntfDir()->intfDesired(intfId) && status.device && status.enabled;
-  if (wanted && openDevices_.valueOr(intfId) == status.device) return;
+  if (const auto open = openDevices_.valueOr(intfId); open && open == wantedDevice(intfId)) return;
   openDevices_.valueDel(intfId);
   pamCollection_->intfPamDel(intfId);
-  if (!wanted) return;
-  // The notification of the closing may have changed what is wanted; then this ran again inside.
-  if (openDevices_.find(intfId) != nullptr || !desiredIntfDir()->intfDesired(intfId)) return;
-  const Vex::Ptr<Portus::Pam> pam = status.device->newPam(intfId, config_);
+  // The notification of the closing may have changed what is wanted, and this may have run inside.
+  if (openDevices_.find(intfId) != nullptr) return;
+  const auto device = wantedDevice(intfId);
+  if (!device) return;
+  const Vex::Ptr<Portus::Pam> pam = device->newPam(intfId, config_);
   if (!pam) return;
-  openDevices_.valueIs(intfId, status.device);
+  openDevices_.valueIs(intfId, device);
   pamCollection_->intfPamIs(intfId, pam);
 }
 

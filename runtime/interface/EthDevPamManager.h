@@ -2,7 +2,8 @@
 //
 // Interface::EthDevPamManager: opens and closes packet access. An interface has a Pam in the
 // collection while the manager is active, the interface is desired, a device for it exists and the
-// operator wants it up. An interface that errdisable holds down keeps its Pam. Activity thread only.
+// operator wants it up. An interface that errdisable holds down keeps its Pam. Activity thread
+// only.
 //
 // The device decides how a Pam is opened; this class decides when. Settings hold for Pams opened
 // after them, so they come before the activation.
@@ -58,6 +59,9 @@ class EthDevPamManager final : public Vex::Machine<EthDevPamManager> {
       react([&](EthDevPamManager& sm) { sm.handleIntf(intfId); });
     }
   };
+
+  // The device through which the interface's Pam is to go, null if there is to be none.
+  Vex::Ptr<Portus::Device> wantedDevice(const Portus::IntfId& intfId) const;
 
   auto vexReactors() { return std::tie(desiredIntfDir_, deviceIntfStatusDir_); }
   static auto vexOwned() { return std::tie(); }

@@ -100,7 +100,8 @@ class IntfDirectory : public Vex::EntityOf<Self> {
     if (members_.valueIs(intfId, value)) this->template notifyKey<kMember, Handler>(intfId);
   }
   template <auto Handler>
-  void memberDel(const Portus::IntfId& intfId) {
+  void memberDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (members_.valueDel(intfId)) this->template notifyKey<kMember, Handler>(intfId);
   }
   typename Collection::IteratorConst iterator() const { return members_.iteratorConst(); }
@@ -134,8 +135,7 @@ class AllIntfStatusDir final : public IntfDirectory<AllIntfStatusDir, IntfStatus
 };
 
 // The interfaces of the system whose frames this process handles.
-class AllIntfStatusLocalDir final
-    : public IntfDirectory<AllIntfStatusLocalDir, IntfStatusLocal> {
+class AllIntfStatusLocalDir final : public IntfDirectory<AllIntfStatusLocalDir, IntfStatusLocal> {
  public:
   class NotifieeConst : public Vex::Entity::NotifieeConst {
    public:

@@ -41,8 +41,8 @@ void IntfStatusManager::handleIntf(const Portus::IntfId& intfId) {
     kernelIntfStatusDir_->deviceIntfStatusDel(intfId);
     return;
   }
-  kernelIntfStatusDir_->deviceIntfStatusIs(
-      intfId, {local->device(), status->intfConfig()->adminEnabled()});
+  kernelIntfStatusDir_->deviceIntfStatusIs(intfId,
+                                           {local->device(), status->intfConfig()->adminEnabled()});
 }
 
 }  // namespace Interface

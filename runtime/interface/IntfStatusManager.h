@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Interface::IntfStatusManager: keeps a DeviceIntfStatusDir current. An interface has an entry there
-// while it is listed both among all interfaces and among the local ones; the entry's `enabled`
-// follows adminEnabled of its configuration. Activity thread only; the directories are shared with
-// whoever fills and reads them.
+// Interface::IntfStatusManager: keeps a DeviceIntfStatusDir current. An interface has an entry
+// there while it is listed both among all interfaces and among the local ones; the entry's
+// `enabled` follows adminEnabled of its configuration. Activity thread only; the directories are
+// shared with whoever fills and reads them.
 #pragma once
 
 #include "runtime/interface/AdminEnabledReactor.h"
@@ -62,6 +62,10 @@ class IntfStatusManager final : public Vex::Machine<IntfStatusManager> {
 
   auto vexReactors() { return std::tie(allIntfStatusDir_, allIntfStatusLocalDir_); }
   static auto vexOwned() { return std::tie(); }
+  template <class Call>
+  void vexOwnedCollections(Call call) {
+    adminEnabled_.forEach(call);
+  }
 
   const Vex::Ptr<Vex::ActivityConfig> activityConfig_;
   const Vex::Ptr<DeviceIntfStatusDir> kernelIntfStatusDir_;

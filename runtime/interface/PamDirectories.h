@@ -42,7 +42,8 @@ class DeviceIntfStatusDir final : public Vex::EntityOf<DeviceIntfStatusDir> {
   void deviceIntfStatusIs(const Portus::IntfId& intfId, const DeviceIntfStatus& status) {
     if (entries_.valueIs(intfId, status)) deviceIntfStatusNotify(intfId);
   }
-  void deviceIntfStatusDel(const Portus::IntfId& intfId) {
+  void deviceIntfStatusDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (entries_.valueDel(intfId)) deviceIntfStatusNotify(intfId);
   }
   Collection::IteratorConst deviceIntfStatusIteratorConst() const {
@@ -77,7 +78,8 @@ class PamDesiredIntfDir final : public Vex::EntityOf<PamDesiredIntfDir> {
   void intfDesiredIs(const Portus::IntfId& intfId, bool desired) {
     if (entries_.valueIs(intfId, desired)) intfDesiredNotify(intfId);
   }
-  void intfDesiredDel(const Portus::IntfId& intfId) {
+  void intfDesiredDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (entries_.valueDel(intfId)) intfDesiredNotify(intfId);
   }
   Collection::IteratorConst intfDesiredIteratorConst() const { return entries_.iteratorConst(); }
@@ -112,7 +114,8 @@ class EthDevPamCollection final : public Vex::EntityOf<EthDevPamCollection> {
   void intfPamIs(const Portus::IntfId& intfId, const Vex::Ptr<Portus::Pam>& pam) {
     if (entries_.valueIs(intfId, pam)) intfPamNotify(intfId);
   }
-  void intfPamDel(const Portus::IntfId& intfId) {
+  void intfPamDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (entries_.valueDel(intfId)) intfPamNotify(intfId);
   }
   Collection::IteratorConst intfPamIteratorConst() const { return entries_.iteratorConst(); }

@@ -82,11 +82,9 @@ std::optional<std::uint64_t> toNumeral(std::string_view text, std::uint64_t base
 }
 
 template <class SymbolOf>
-std::optional<std::string> fromNumeral(std::uint64_t value, std::uint64_t base, std::size_t longest,
-                                       SymbolOf symbolOf) {
+std::string fromNumeral(std::uint64_t value, std::uint64_t base, SymbolOf symbolOf) {
   std::string text;
   while (value != 0) {
-    if (text.size() == longest) return std::nullopt;
     const std::uint64_t digit = (value - 1) % base + 1;
     text.push_back(symbolOf(digit));
     value = (value - digit) / base;
@@ -138,23 +136,23 @@ IntfIdFields encodeIntfName(std::string_view name) noexcept {
 }
 
 std::optional<std::string> unpackIntfId(std::uint64_t value) {
-  std::optional<std::string> rest;
+  std::string rest;
   switch (intfIdForm(value)) {
     case IntfIdForm::packedCommon:
-      rest = fromNumeral(value & kPackedMask, kCommonBase, kCommonLength,
+      rest = fromNumeral(value & kPackedMask, kCommonBase,
                          [](std::uint64_t d) { return kCommonSymbols[std::size_t(d - 1)]; });
       break;
     case IntfIdForm::packedPrintable:
-      rest = fromNumeral(value & kPackedMask, kPrintableBase, kPrintableLength,
+      rest = fromNumeral(value & kPackedMask, kPrintableBase,
                          [](std::uint64_t d) { return char(kFirstPrintable + int(d - 1)); });
       break;
     case IntfIdForm::hashed:
     case IntfIdForm::reserved:
       return std::nullopt;
   }
-  if (!rest) return std::nullopt;
   std::string name(kPrefixes[std::size_t(value >> kPrefixShift) & 15]);
-  name += *rest;
+  name += rest;
+  // Also turns away numerals of more symbols than the form takes.
   if (encodeIntfName(name).value != value) return std::nullopt;
   return name;
 }

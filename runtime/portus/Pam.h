@@ -65,9 +65,9 @@ inline PacketFilter acceptEverything() {
 // How the Pams of one manager are opened.
 struct PamConfig {
   PacketFilter filter = acceptEverything();  // over the frame as it is on the wire, tags included
-  EthAddr destination;         // what the frames to be received are sent to
-  std::uint8_t sockPrio = 0;   // SO_PRIORITY of sent frames, 0 to 15
-  bool perIntfSocket = false;  // false: interfaces may share one socket
+  EthAddr destination;                       // what the frames to be received are sent to
+  std::uint8_t sockPrio = 0;                 // SO_PRIORITY of sent frames, 0 to 15
+  bool perIntfSocket = false;                // false: interfaces may share one socket
 };
 
 // An interface of the system as far as packets go.

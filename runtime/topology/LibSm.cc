@@ -53,12 +53,17 @@ void LibSm::ethIntfStatusDirIs(const Vex::Ptr<Interface::EthIntfStatusDir const>
     ethIntfStatusDir_->machineDel();
   }
   ethIntfStatusDir_ = Vex::newReactor<VexEthIntfStatusDir>(this, dir);
+  if (ethIntfStatusDir_) {
+    ethIntfStatusDir_->hasNotificationActiveIs(hasNotificationActive());
+    if (isZombie()) ethIntfStatusDir_->vexDoZombieReactors(true);
+  }
   for (auto it = status()->intfVlansIteratorConst(); it; ++it) changed_.insert(it.key());
   pendingIs();
 }
 
 void LibSm::handleIntf(const Portus::IntfId& intfId) {
   changed_.insert(intfId);
+  if (!isAdmitted(intfId)) libState_->intfVlansDel(intfId);
   pendingIs();
 }
 
@@ -88,16 +93,19 @@ void LibSm::handlePending() {
 
 void LibSm::publishIntf(const Portus::IntfId& intfId) {
   const auto* dir = watched(ethIntfStatusDir_);
-  const auto status = dir != nullptr ? dir->ethIntfStatus(intfId) : nullptr;
-  adminEnabled_.follow(this, intfId, status);
-  const Bridging::VlanBitmap* vlans = this->status()->intfVlans(intfId);
-  const bool admitted = vlans != nullptr && status && status->intfConfig()->adminEnabled() &&
-                        (filter() == nullptr || filter()->isValidIntf(intfId));
-  if (admitted) {
-    libState_->intfVlansIs(intfId, *vlans & allVlans());
+  adminEnabled_.follow(this, intfId, dir != nullptr ? dir->ethIntfStatus(intfId) : nullptr);
+  if (isAdmitted(intfId)) {
+    libState_->intfVlansIs(intfId, *status()->intfVlans(intfId) & allVlans());
   } else {
     libState_->intfVlansDel(intfId);
   }
+}
+
+bool LibSm::isAdmitted(const Portus::IntfId& intfId) const {
+  const auto* dir = watched(ethIntfStatusDir_);
+  const auto intf = dir != nullptr ? dir->ethIntfStatus(intfId) : nullptr;
+  return status()->intfVlans(intfId) != nullptr && intf && intf->intfConfig()->adminEnabled() &&
+         (filter() == nullptr || filter()->isValidIntf(intfId));
 }
 
 const FilterIntf* LibSm::filter() const noexcept {

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Topology::Library::LibSm: turns the bridge's VLANs and the ports' memberships into LibState. A port
-// counts if the feature's filter admits it, the Ethernet directory lists it and the operator wants it
-// up. Activity thread only.
+// Topology::Library::LibSm: turns the bridge's VLANs and the ports' memberships into LibState. A
+// port counts if the feature's filter admits it, the Ethernet directory lists it and the operator
+// wants it up. Activity thread only.
 //
 // With deferProcessing the machine takes its inputs in at the next turn of the activity loop, the
-// first time as well as later: changes of one turn are compared with what is published and told once
-// each, also if an input went and came back meanwhile.
+// first time as well as later: changes of one turn are compared with what is published and told
+// once each. A port that ceases to be one is told of at once: its users act on what made it cease,
+// and if it returned within the turn they would never hear of the return.
 //
 // Invariants:
 //  1. Ports are published before the VLANs that they make visible, and initDone last.
@@ -111,9 +112,14 @@ class LibSm final : public Vex::Machine<LibSm> {
 
   auto vexReactors() { return std::tie(config_, status_, ethIntfStatusDir_); }
   static auto vexOwned() { return std::tie(); }
+  template <class Call>
+  void vexOwnedCollections(Call call) {
+    adminEnabled_.forEach(call);
+  }
 
   void pendingIs();
   void publishIntf(const Portus::IntfId& intfId);
+  bool isAdmitted(const Portus::IntfId& intfId) const;
   const FilterIntf* filter() const noexcept;
 
   const Vex::Name name_;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // What the topology library publishes: Topology::Library::LibState, by port, and
-// Topology::Library::Vlan::LibVlanState with its TopoVlan entries, by VLAN. Written by the library's
-// two machines (LibSm.h, VlanLibSm.h) alone. Activity thread only.
+// Topology::Library::Vlan::LibVlanState with its TopoVlan entries, by VLAN. Written by the
+// library's two machines (LibSm.h, VlanLibSm.h) alone. Activity thread only.
 //
-// Each notification of topoVlan and topoPort stands for exactly one change: a reader may take a second
-// one for a VLAN or a port as news.
+// Each notification of topoVlan and topoPort stands for exactly one change: a reader may take a
+// second one for a VLAN or a port as news.
 #pragma once
 
 #include <string>
@@ -52,7 +52,8 @@ class LibState final : public Vex::EntityOf<LibState> {
   void intfVlansIs(const Portus::IntfId& intfId, const Bridging::VlanBitmap& vlans) {
     if (intfVlans_.valueIs(intfId, vlans)) intfVlansNotify(intfId);
   }
-  void intfVlansDel(const Portus::IntfId& intfId) {
+  void intfVlansDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (intfVlans_.valueDel(intfId)) intfVlansNotify(intfId);
   }
   Collection::IteratorConst intfVlansIteratorConst() const { return intfVlans_.iteratorConst(); }
@@ -113,7 +114,8 @@ class TopoVlan final : public Vex::EntityOf<TopoVlan>, public Vex::HashMapLink {
     topoPort_.memberIs(Vex::makePtr<TopoPort>(intfId));
     notifyKey<kTopoPort, &NotifieeConst::onTopoPort>(intfId);
   }
-  void topoPortDel(const Portus::IntfId& intfId) {
+  void topoPortDel(const Portus::IntfId& key) {
+    const Portus::IntfId intfId = key;  // the caller's key may live in the entry that goes
     if (topoPort_.memberDel(intfId)) notifyKey<kTopoPort, &NotifieeConst::onTopoPort>(intfId);
   }
   Map::IteratorConst topoPortIteratorConst() const { return topoPort_.iteratorConst(); }
@@ -141,6 +143,9 @@ class LibVlanState final : public Vex::EntityOf<LibVlanState> {
       {kInitDone, "initDone", Vex::AttributeKind::plain}};
 
   explicit LibVlanState(const Vex::Name& name) : EntityOf(name) {}
+  ~LibVlanState() override {
+    for (auto it = topoVlan_.iterator(); it; ++it) it->parentIs(nullptr);
+  }
 
   Vex::Ptr<TopoVlan> topoVlan(Bridging::VlanId vlanId) const {
     return Vex::Ptr<TopoVlan>(topoVlan_.member(vlanId));

@@ -39,7 +39,9 @@ void VlanLibSm::handleVlans() {
   const VlanBitmap before = vlans_;
   vlans_ = now;
   (before - now).forEach([&](std::uint16_t number) {
-    const VlanId vlanId(number); libVlanState_->topoVlanDel(vlanId); });
+    const VlanId vlanId(number);
+    libVlanState_->topoVlanDel(vlanId);
+  });
   (now - before).forEach([&](std::uint16_t number) {
     const VlanId vlanId(number);
     const auto vlan = Vex::makePtr<TopoVlan>(vlanId);

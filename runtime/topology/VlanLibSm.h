@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Topology::Library::Vlan::VlanLibSm: turns LibState, which goes by port, into LibVlanState, which
-// goes by VLAN. Works on each change at once; LibSm decides when changes come. Activity thread only.
+// goes by VLAN. Works on each change at once; LibSm decides when changes come. Activity thread
+// only.
 //
 // A new VLAN is published with its ports in it and tells of itself alone; a VLAN that goes tells of
 // itself alone. Ports that come and go in a VLAN that stays tell of themselves.

@@ -44,7 +44,7 @@ ActivityManager& activityManager() {
 
 ActivityManager* currentActivityManager() noexcept { return currentManager; }
 
-double now() { return activityManager().clock()->now(); }
+double now() { return activityManager().now(); }
 
 void DeferredTask::schedule() noexcept {
   if (scheduled_) return;

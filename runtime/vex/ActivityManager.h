@@ -23,6 +23,7 @@
 
 #include <limits>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "runtime/vex/LogService.h"
@@ -120,6 +121,27 @@ class ActivityManager {
   const Ptr<Clock const>& clock() const noexcept { return clock_; }
   LogService& logService() noexcept { return *logService_; }
 
+  // The time of what is happening: the clock's, except inside a timer's handler. There it is the
+  // time for which the timer was set, if it fires at the tick that its time belongs to. So a timer
+  // that sets itself to now() + interval keeps its interval, and the rounding to ticks does not add
+  // up.
+  double now() const noexcept { return timerTime_ != kNever ? timerTime_ : clock_->now(); }
+
+  // Makes now() the time of a timer while its handler runs; kNever leaves it at the clock's. For
+  // timer sources.
+  class TimerTime {
+   public:
+    TimerTime(ActivityManager& manager, double time) noexcept
+        : manager_(manager), before_(std::exchange(manager.timerTime_, time)) {}
+    TimerTime(const TimerTime&) = delete;
+    TimerTime& operator=(const TimerTime&) = delete;
+    ~TimerTime() { manager_.timerTime_ = before_; }
+
+   private:
+    ActivityManager& manager_;
+    double before_;
+  };
+
   // `source` must outlive its registration. Registering twice is an internal exception. A source
   // that is registered while the sources run is first asked in the next turn.
   void timerSourceIs(TimerSource& source);
@@ -164,7 +186,8 @@ class ActivityManager {
   std::vector<TimerSource*> sources_;  // null: withdrawn while the list is walked
   bool walkingSources_ = false;
   bool inTurn_ = false;
-  TaskLink deferred_;  // the ring of the scheduled tasks
+  double timerTime_ = kNever;  // kNever: no timer's handler runs
+  TaskLink deferred_;          // the ring of the scheduled tasks
 };
 
 // The manager of this thread. Raises an internal exception if none is current.
@@ -172,7 +195,7 @@ ActivityManager& activityManager();
 // The same, null if none is current.
 ActivityManager* currentActivityManager() noexcept;
 
-// The time of the current manager's clock, in seconds.
+// ActivityManager::now() of the current manager, in seconds.
 double now();
 
 // The configuration of the thread's activity: where machines find their clock.

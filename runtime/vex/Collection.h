@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Vex::ValueCollection<Key, Value>: the storage of an entity's collection of plain values, a HashMap
-// whose members hold one key and one value. The entity owns it and does the notifying.
+// Vex::ValueCollection<Key, Value>: the storage of an entity's collection of plain values, a
+// HashMap whose members hold one key and one value. The entity owns it and does the notifying.
 // Activity thread only.
 #pragma once
 

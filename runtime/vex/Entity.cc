@@ -29,8 +29,8 @@ std::string_view Entity::parentAttr() const {
 void Entity::parentIs(Entity* parent) {
   if (parent == parent_) return;
   parent_ = parent;
-  walk(notifiees_, kParent,
-       [](NotifieeConst& n) { n.onParent(); });
+  if (parent == nullptr) parentAttrId_ = 0;
+  walk(notifiees_, kParent, [](NotifieeConst& n) { n.onParent(); });
 }
 
 std::string Entity::fullName() const {
@@ -47,15 +47,13 @@ std::string Entity::fullName() const {
 void Entity::versionIs(std::uint32_t version) {
   if (version == version_) return;
   version_ = version;
-  walk(notifiees_, kVersion,
-       [](NotifieeConst& n) { n.onVersion(); });
+  walk(notifiees_, kVersion, [](NotifieeConst& n) { n.onVersion(); });
 }
 
 void Entity::isNondestructingIs(bool flag) {
   if (flag == isNondestructing_) return;
   isNondestructing_ = flag;
-  walk(notifiees_, kIsNondestructing,
-       [](NotifieeConst& n) { n.onIsNondestructing(); });
+  walk(notifiees_, kIsNondestructing, [](NotifieeConst& n) { n.onIsNondestructing(); });
 }
 
 void Entity::zeroReferencesIs() {

@@ -112,8 +112,9 @@ class Entity : public VFPtrInterface {
 };
 
 // A notification that is delivered in pieces: to the notifiees ahead of a given one, and later to
-// those behind it. What is delivered, to whom and in which order are those of one ordinary walk; the
-// time between the pieces belongs to the caller. `Call` is copied and called with each Notifiee&.
+// those behind it. What is delivered, to whom and in which order are those of one ordinary walk;
+// the time between the pieces belongs to the caller. `Call` is copied and called with each
+// Notifiee&.
 template <class Notifiee, class Call>
 class SuspendableWalk {
  public:
@@ -143,8 +144,9 @@ class SuspendableWalk {
   Call call_;
 };
 
-// The base of an entity class: `class Config : public Vex::EntityOf<Config>`. Self must have a nested
-// class NotifieeConst, derived from Entity::NotifieeConst, with the operations of its attributes.
+// The base of an entity class: `class Config : public Vex::EntityOf<Config>`. Self must have a
+// nested class NotifieeConst, derived from Entity::NotifieeConst, with the operations of its
+// attributes.
 template <class Self>
 class EntityOf : public Entity {
  public:
@@ -167,9 +169,8 @@ class EntityOf : public Entity {
     if (notifiees().count() == 0) return;
     SnapshotIterator<Vex::NotifieeConst> snapshot(notifiees());
     while (Vex::NotifieeConst* notifiee = snapshot.next()) {
-      guardedNotification(*notifiee, id, [&] {
-        call(static_cast<typename Self::NotifieeConst&>(*notifiee));
-      });
+      guardedNotification(*notifiee, id,
+                          [&] { call(static_cast<typename Self::NotifieeConst&>(*notifiee)); });
     }
   }
 
@@ -181,9 +182,10 @@ class EntityOf : public Entity {
     notify(Id, [](auto& notifiee) { (notifiee.*Handler)(); });
   }
 
-  // The notification of one key of a collection.
+  // The notification of one key of a collection. Takes a copy: what the caller's key belongs to may
+  // go while it is told.
   template <AttributeId Id, auto Handler, class Key>
-  void notifyKey(const Key& key) const {
+  void notifyKey(Key key) const {
     notify(Id, [&](auto& notifiee) { (notifiee.*Handler)(key); });
   }
 };

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The exceptions of the runtime and the functions that raise them. Any code on any thread may raise
-// one; the notification walk is the only place of the runtime that catches them (NotifieeList.h).
+// one; the notification walk is the only place of the runtime that catches them (Notifiee.h).
 //
 // Texts are part of the contract: a caller compares what() with a literal.
 #pragma once
@@ -10,6 +10,7 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Vex {
 

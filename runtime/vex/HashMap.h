@@ -8,10 +8,10 @@
 // fwkHash(key) below, by default key.hash().
 //
 // The map holds a counted reference to each member. Iteration goes in the order of the bit-reversed
-// hash, then of the key, independent of the history of the map. An iterator holds a counted reference
-// to its current member; any change of the map during an iteration is safe, deleting the current
-// member included: the iteration goes on with the member that follows it in that order. An iterator
-// must not outlive its map.
+// hash, then of the key, independent of the history of the map. An iterator holds a counted
+// reference to its current member; any change of the map during an iteration is safe, deleting the
+// current member included: the iteration goes on with the member that follows it in that order. An
+// iterator must not outlive its map.
 #pragma once
 
 #include <concepts>
@@ -47,9 +47,7 @@ class HashMap : private HashMapGeneric {
   using HashMapGeneric::version;
 
   // The member under `key`, null for none. The pointer is good until the map changes.
-  Value* member(const Key& key) const noexcept {
-    return cast(findG(vtable(), fwkHash(key), &key));
-  }
+  Value* member(const Key& key) const noexcept { return cast(findG(vtable(), fwkHash(key), &key)); }
   bool has(const Key& key) const noexcept { return member(key) != nullptr; }
 
   // Adds a member under its own key. REQUIRES: the key is free, and the member is in no map
@@ -94,8 +92,9 @@ class HashMap : private HashMapGeneric {
         current_ = Ptr<Value>(cast(map_->successorG(vtable(), *current_)));
       } else {
         const Key key = current_->fwkKey();
-        current_ = Ptr<Value>(cast(map_->findNextG(vtable(), fwkHash(key), &key)));
+        // Ahead of the step: letting the old member go may change the map once more.
         version_ = map_->version();
+        current_ = Ptr<Value>(cast(map_->findNextG(vtable(), fwkHash(key), &key)));
       }
       return *this;
     }

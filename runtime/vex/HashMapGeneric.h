@@ -4,13 +4,13 @@
 // uses HashMap.h; this half exists so that chains, growth and iteration are compiled once.
 // Activity thread only.
 //
-// With 2^k buckets a key belongs to bucket bitReverse(hash) >> (32 - k), bucket 0 for k = 0. A chain
-// is sorted by the bit-reversed hash and, among equals, by key.
+// With 2^k buckets a key belongs to bucket bitReverse(hash) >> (32 - k), bucket 0 for k = 0. A
+// chain is sorted by the bit-reversed hash and, among equals, by key.
 //
 // Invariants:
 //  1. Walking the buckets in order and each chain to its end visits all members in the order of
-//     (bit-reversed hash, key), whatever k is. So growth cuts each chain in two and reorders nothing,
-//     and an iteration that lost its place finds it again by key.
+//     (bit-reversed hash, key), whatever k is. So growth cuts each chain in two and reorders
+//     nothing, and an iteration that lost its place finds it again by key.
 //  2. The map holds one counted reference to each member.
 //  3. A member that is in no map has a null next pointer.
 #pragma once

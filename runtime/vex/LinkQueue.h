@@ -3,9 +3,9 @@
 // Vex::LinkQueue<Value>: a queue whose members have an index that only grows. The storage of an
 // entity's queue; the entity owns it and does the notifying. Activity thread only.
 //
-// Members stand in the order of their indexes. Beside the chain there are two hash maps, by index and
-// by value, so that a member is found and taken out wherever it stands without walking the queue,
-// and the members of one value are found without looking at others.
+// Members stand in the order of their indexes. Beside the chain there are two hash maps, by index
+// and by value, so that a member is found and taken out wherever it stands without walking the
+// queue, and the members of one value are found without looking at others.
 //
 // Value has ==, < and hash().
 //
@@ -78,8 +78,8 @@ class LinkQueue {
     return at;
   }
 
-  // The first member of this value; with `after`, the first one with a larger index. Costs the number
-  // of members of the value.
+  // The first member of this value; with `after`, the first one with a larger index. Costs the
+  // number of members of the value.
   const Member* memberOf(const Value& value,
                          std::optional<std::uint32_t> after = std::nullopt) const noexcept {
     const Chain* chain = byValue_.member(value);
@@ -90,7 +90,9 @@ class LinkQueue {
 
   // Appends and returns the new index: the larger of nextIndex and the tail's index plus 1.
   std::uint32_t enq(const Value& value) {
-    const std::uint32_t index = following();
+    std::uint32_t index = following();
+    // Indexes given to doMemberIs() may lie so far apart that "larger" says nothing any more.
+    while (byIndex_.has(index)) ++index;
     insertBefore(nullptr, index, value);
     if (head_ == tail_) metadata_.headIndex = index;
     metadata_.nextIndex = index;
@@ -100,7 +102,7 @@ class LinkQueue {
   // As enq(); the generic append, which refuses to run into the head: the range exception
   // "linkqueue index space full".
   std::uint32_t memberNew(const Value& value) {
-    if (!empty() && metadata_.nextIndex + 1 == metadata_.headIndex) {
+    if (metadata_.nextIndex + 1 == metadata_.headIndex) {
       throwRangeException("linkqueue index space full");
     }
     return enq(value);

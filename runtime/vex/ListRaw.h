@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Vex::ListRaw<T>: the list of notifiees of an entity, and Vex::SnapshotIterator<T>, a walk over the
-// list as it stood when the walk began. Activity thread only.
+// Vex::ListRaw<T>: the list of notifiees of an entity, and Vex::SnapshotIterator<T>, a walk over
+// the list as it stood when the walk began. Activity thread only.
 //
 // The list holds plain pointers: a notifiee owns a reference to its notifier and not the other way
-// round. It is an array behind a counted block. A walk takes a count on the block instead of copying
-// it, so a change that nobody interferes with allocates nothing. A change of the list while a walk
-// holds the block moves the list to a new block and leaves the old one to the walk.
+// round. It is an array behind a counted block. A walk takes a count on the block instead of
+// copying it, so a change that nobody interferes with allocates nothing. A change of the list while
+// a walk holds the block moves the list to a new block and leaves the old one to the walk.
 //
 // T keeps the position at which it stands: `void vexListPositionIs(std::uint32_t) noexcept`,
 // `std::uint32_t vexListPosition() const noexcept`, and is a counted object.
@@ -126,8 +126,7 @@ class SnapshotIterator {
   explicit SnapshotIterator(const ListRaw<T>& list) noexcept : block_(list.block_) {
     if (block_ != nullptr) ++block_->users;
   }
-  SnapshotIterator(SnapshotIterator&& other) noexcept
-      : block_(other.block_), next_(other.next_) {
+  SnapshotIterator(SnapshotIterator&& other) noexcept : block_(other.block_), next_(other.next_) {
     other.block_ = nullptr;
   }
   SnapshotIterator& operator=(SnapshotIterator&& other) noexcept {

@@ -2,13 +2,13 @@
 //
 // The bases of a state machine and of its reactors.
 //
-// Vex::Machine<Self> takes from Self what it watches and what it owns, each stated once and in order,
-// and gives the zombie, notification and teardown walks. Vex::Reactor<Machine, Watched> is the base
-// of the nested reactor classes. Activity thread only.
+// Vex::Machine<Self> takes from Self what it watches and what it owns, each stated once and in
+// order, and gives the zombie, notification and teardown walks. Vex::Reactor<Machine, Watched> is
+// the base of the nested reactor classes. Activity thread only.
 //
-// A machine owns its reactors by counted references; a reactor holds a plain pointer back, which the
-// machine takes away in its destructor. A handler may, through nested reactions, lead to the end of
-// its own machine: react() holds the machine until the handler has returned.
+// A machine owns its reactors by counted references; a reactor holds a plain pointer back, which
+// the machine takes away in its destructor. A handler may, through nested reactions, lead to the
+// end of its own machine: react() holds the machine until the handler has returned.
 #pragma once
 
 #include <exception>
@@ -34,9 +34,10 @@ class Machine : public VFPtrInterface {
   void hasNotificationActiveIs(bool flag) override {
     if (flag == hasNotificationActive()) return;
     PtrInterface::hasNotificationActiveIs(flag);
-    const auto pass = [flag](auto&... member) {
-      (void)((member ? member->hasNotificationActiveIs(flag) : void()), ...);
+    const auto passTo = [flag](auto& member) {
+      if (member) member->hasNotificationActiveIs(flag);
     };
+    const auto pass = [&passTo](auto&... member) { (passTo(member), ...); };
     std::apply(pass, self().vexReactors());
     std::apply(pass, self().vexOwned());
     self().vexOwnedCollections([flag](auto& member) { member.hasNotificationActiveIs(flag); });
@@ -67,9 +68,10 @@ class Machine : public VFPtrInterface {
 
   template <class Call>
   void forEachReactor(Call call) {
-    std::apply(
-        [&](auto&... reactor) { (void)((reactor ? call(*reactor) : void()), ...); },
-        self().vexReactors());
+    const auto callFor = [&call](auto& reactor) {
+      if (reactor) call(*reactor);
+    };
+    std::apply([&callFor](auto&... reactor) { (callFor(reactor), ...); }, self().vexReactors());
   }
 };
 
@@ -89,11 +91,12 @@ class Reactor : public Watched::NotifieeConst {
     this->isRegisteredNotifieeIs(true);
   }
 
-  // Rebinds; a notifier of another class counts as null. Replays what the machine prescribes, unless
-  // the reactor is a zombie, and ends registered.
+  // Rebinds; a notifier of another class counts as null. Replays what the machine prescribes,
+  // unless the reactor is a zombie, and ends registered.
   void notifierIs(const Ptr<PtrInterface const>& notifier) override {
     const auto watched = dynamicPtrCast<Watched const>(notifier);
     if (watched.get() == this->notifier()) return;
+    const Ptr<Reactor> hold(this);  // the replay may lead to the end of the machine
     Watched::NotifieeConst::notifierIs(watched);
     if (watched && !this->isZombie()) vexReplay();
     this->isRegisteredNotifieeIs(true);

@@ -8,12 +8,13 @@ thread_local std::uint32_t expectDepth = 0;
 }  // namespace
 
 void NotifieeConst::hasNotificationActiveIs(bool flag) {
-  if (flag == hasNotificationActive()) return;
+  const bool before = hasNotificationActive();
   PtrInterface::hasNotificationActiveIs(flag);
   if (!flag) {
-    const bool registered = registered_;
+    // A reactor may be registered without ever having been turned on, and turning off one that is
+    // off must not lose what was remembered the first time.
+    if (before || registered_) registeredBefore_ = registered_;
     isRegisteredNotifieeIs(false);
-    registeredBefore_ = registered;
   } else if (registeredBefore_) {
     registeredBefore_ = false;
     isRegisteredNotifieeIs(true);
@@ -22,8 +23,8 @@ void NotifieeConst::hasNotificationActiveIs(bool flag) {
 
 void NotifieeConst::isRegisteredNotifieeIs(bool flag) {
   if (flag == registered_ || !notifier_) return;
+  notifier_->notifieeRegisteredIs(*this, flag);  // may refuse by an exception
   registered_ = flag;
-  notifier_->notifieeRegisteredIs(*this, flag);
 }
 
 void NotifieeConst::notifierIs(const Ptr<PtrInterface const>& notifier) {
@@ -34,10 +35,7 @@ void NotifieeConst::notifierIs(const Ptr<PtrInterface const>& notifier) {
 }
 
 void NotifieeConst::vexDoZombieReactors(bool flag) {
-  if (flag == isZombie()) return;
   if (notifier_) hasNotificationActiveIs(!flag);
-  // A reactor may be registered without ever having been told that notification is active.
-  if (flag) isRegisteredNotifieeIs(false);
   vexMarkedForDeletionIs(flag);
 }
 

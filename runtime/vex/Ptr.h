@@ -30,14 +30,14 @@ class Ptr {
   Ptr(const Ptr& other) noexcept : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& other) noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
+  noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
       : object_(other.get()) {
     acquire();
   }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& other) noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
       : object_(other.release()) {}
   ~Ptr() { drop(); }
 

@@ -53,15 +53,15 @@ class PtrInterface {
   }
 
   // The number of counted references, flags left out.
-  std::uint32_t references() const noexcept { return word_ / kUnit; }
+  std::uint32_t references() const noexcept { return word() / kUnit; }
 
   // The zombie flag: the object still exists but its reactors must not run.
-  bool isZombie() const noexcept { return (word_ & kZombie) != 0; }
+  bool isZombie() const noexcept { return (word() & kZombie) != 0; }
   void vexMarkedForDeletionIs(bool flag) noexcept { flagIs(kZombie, flag); }
 
   // Whether changes are told to and through this object. The base only stores the flag; machines
   // pass it on to their reactors and to what they own, reactors leave and re-join their notifier.
-  bool hasNotificationActive() const noexcept { return (word_ & kNotificationActive) != 0; }
+  bool hasNotificationActive() const noexcept { return (word() & kNotificationActive) != 0; }
   virtual void hasNotificationActiveIs(bool flag) { flagIs(kNotificationActive, flag); }
 
   // A reactor joins or leaves the notifiees of this object. Called by
@@ -81,12 +81,18 @@ class PtrInterface {
   static constexpr std::uint32_t kNotificationActive = 2;
   static constexpr std::uint32_t kUnit = 4;
 
+  // Always atomic: other threads may be changing the count, and a relaxed load costs what a plain
+  // one does.
+  std::uint32_t word() const noexcept {
+    return std::atomic_ref(word_).load(std::memory_order_relaxed);
+  }
+
   void flagIs(std::uint32_t bit, bool flag) noexcept {
     // Atomic with the switch on, so that a count changed on another thread is not lost.
     if (enableThreadSafePointers) {
-      auto word = std::atomic_ref(word_);
-      flag ? word.fetch_or(bit, std::memory_order_relaxed)
-           : word.fetch_and(~bit, std::memory_order_relaxed);
+      const std::atomic_ref shared(word_);
+      flag ? shared.fetch_or(bit, std::memory_order_relaxed)
+           : shared.fetch_and(~bit, std::memory_order_relaxed);
     } else {
       word_ = flag ? word_ | bit : word_ & ~bit;
     }
