@@ -14,7 +14,7 @@ template <class... Args>
 void traceHandler(std::string_view name, const Args&... args) {
   Vex::trace(ringwardSmTrace, 8, [&](std::ostream& os) {
     os << name;
-    (void)((os << ' ' << args), ...);
+    ((os << ' ' << args), ...);
   });
 }
 
