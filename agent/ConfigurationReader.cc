@@ -210,8 +210,9 @@ class FileReader {
       if (text == nullptr) {
         addTypeError(element, key, "a string in the list");
       } else if (!valid(text->get())) {
-        addError(element, key,
-                 quotedText(text->get()) + " is not " + what + "; allowed: " + allowed);
+        std::string message = quotedText(text->get());
+        message.append(" is not ").append(what).append("; allowed: ").append(allowed);
+        addError(element, key, message);
       } else if (!seen.insert(text->get()).second) {
         addError(element, key,
                  quotedText(text->get()) + " is a duplicate; allowed: every entry once");

@@ -43,7 +43,7 @@ constexpr sock_filter kSocketFilter[] = {
 // Makes a filter that is never freed: the topology machine holds its address as a number. The list
 // keeps those of earlier enables reachable.
 RingwardIntfFilter* newIntfFilter() {
-  static std::vector<RingwardIntfFilter*> made;
+  static auto& made = *new std::vector<RingwardIntfFilter*>;  // outlives everything
   made.push_back(new RingwardIntfFilter);
   return made.back();
 }

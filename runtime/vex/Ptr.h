@@ -29,16 +29,15 @@ class Ptr {
   explicit Ptr(T* object) noexcept : object_(object) { acquire(); }
   Ptr(const Ptr& other) noexcept : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  template <class U>
-  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
-  noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
-      : object_(other.get()) {
+  // Implicit, as plain pointers convert.
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  Ptr(const Ptr<U>& other) noexcept : object_(other.get()) {
     acquire();
   }
-  template <class U>
-  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
-  noexcept  // NOLINT(google-explicit-constructor): as plain pointers convert
-      : object_(other.release()) {}
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  Ptr(Ptr<U>&& other) noexcept : object_(other.release()) {}
   ~Ptr() { drop(); }
 
   Ptr& operator=(Ptr other) noexcept {

@@ -118,6 +118,11 @@ TEST(EpollActivityManager, ClockIsTheMonotonicOne) {
 }
 
 TEST(EpollActivityManager, ConstructorFailureGivesTheSystemsReason) {
+#ifdef __clang__
+#if __has_feature(undefined_behavior_sanitizer)
+  GTEST_SKIP() << "the sanitizer's check of virtual tables needs descriptors itself";
+#endif
+#endif
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
   rlimit none = before;
