@@ -71,7 +71,10 @@ GlobalSm::GlobalSm(const Arguments& arguments)
           this, Vex::Ptr<Status::TransmitStatus const>(arguments.transmitStatus))),
       brConfig_(Vex::newReactor<VexBrConfig>(this, arguments.brConfig)) {}
 
-GlobalSm::~GlobalSm() { vexTeardown(); }
+GlobalSm::~GlobalSm() {
+  vexTeardown();
+  if (transmitSm_) transmitSm_->globalSmDel();
+}
 
 // Rebinding: the present reactor moves over, or one is made; null drops it. Ends by passing the
 // machine's zombie flag on.

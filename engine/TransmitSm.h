@@ -63,6 +63,8 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   std::uint32_t transmitCount() const noexcept { return transmitCount_; }
   bool initialized() const noexcept { return initialized_; }
   GlobalSm* globalSm() const noexcept { return globalSm_; }
+  // The owner goes; this machine may live on until a transmission under way has ended.
+  void globalSmDel() noexcept { globalSm_ = nullptr; }
 
   // Begins a new window and serves what waits.
   void handleThrottleTimer();
@@ -128,7 +130,7 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   const Vex::Ptr<Bridging::Config const> brConfig_;
   std::uint32_t transmitCount_ = 0;
   bool initialized_ = false;
-  GlobalSm* const globalSm_;
+  GlobalSm* globalSm_;
 };
 
 // Makes the machine, serves what the queues already hold and sets notification active. `globalSm`

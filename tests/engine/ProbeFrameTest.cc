@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/EngineTrace.h"
+#include "model/values/Oui.h"
 #include "model/values/Payload.h"
 #include "runtime/vex/Exception.h"
 #include "tests/engine/World.h"
@@ -251,9 +252,9 @@ TEST_F(ProbeFrame, TheLengthIsThatOfBothFragments) {
 TEST_F(ProbeFrame, OuisAreOrderedByTheirBytes) {
   using Ringward::Oui;
   EXPECT_EQ(Ringward::kProbeOui, (Oui{0x0A, 0x1B, 0x2C}));
-  EXPECT_LT((Oui{1, 9, 9}), (Oui{2, 0, 0}));
-  EXPECT_LT((Oui{1, 1, 9}), (Oui{1, 2, 0}));
-  EXPECT_LT((Oui{1, 1, 1}), (Oui{1, 1, 2}));
+  EXPECT_TRUE((Oui{1, 9, 9}) < (Oui{2, 0, 0}));
+  EXPECT_TRUE((Oui{1, 1, 9}) < (Oui{1, 2, 0}));
+  EXPECT_TRUE((Oui{1, 1, 1}) < (Oui{1, 1, 2}));
 }
 
 TEST_F(ProbeFrame, OnlyTheDefaultEncapsulationIsFalse) {

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/EngineLogs.h"
 #include "engine/GlobalSm.h"
 #include "platform/sim/Element.h"
 #include "platform/sim/System.h"
