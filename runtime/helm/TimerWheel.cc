@@ -20,12 +20,12 @@ std::uint32_t atLeastOne(const char* what, std::uint32_t value) {
 }  // namespace
 
 TimerWheel::TimerWheel(Vex::Ptr<Vex::ActivityConfig> activityConfig,
-                       Vex::Ptr<Vex::Clock const> clock, std::uint32_t tickMsecs,
+                       const Vex::Ptr<Vex::Clock const>& clock, std::uint32_t tickMsecs,
                        std::uint32_t initialMaxTicks, bool preserveOrder,
                        std::uint32_t defaultBucketSize)
     : activityConfig_(std::move(activityConfig)),
       manager_(activityConfig_ ? activityConfig_->manager() : Vex::activityManager()),
-      clock_(clock ? std::move(clock) : manager_.clock()),
+      clock_(clock ? clock : manager_.clock()),
       tickMsecs_(atLeastOne("tickMsecs", tickMsecs)),
       initialMaxTicks_(atLeastOne("initialMaxTicks", initialMaxTicks)),
       preserveOrder_(preserveOrder),

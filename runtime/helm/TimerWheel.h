@@ -43,7 +43,7 @@ class TimerWheel final : public Vex::VFPtrInterface, private Vex::TimerSource {
   // 4096; it matters for speed alone.
   // Raises a range exception for a number of 0, and if the clock's time is so large that a tick
   // gets lost in its rounding.
-  TimerWheel(Vex::Ptr<Vex::ActivityConfig> activityConfig, Vex::Ptr<Vex::Clock const> clock,
+  TimerWheel(Vex::Ptr<Vex::ActivityConfig> activityConfig, const Vex::Ptr<Vex::Clock const>& clock,
              std::uint32_t tickMsecs, std::uint32_t initialMaxTicks, bool preserveOrder,
              std::uint32_t defaultBucketSize);
 
