@@ -13,7 +13,7 @@ namespace Vex {
 VirtualActivityManager::VirtualActivityManager(double startTime)
     : VirtualActivityManager(makePtr<VirtualClock>(startTime)) {}
 
-VirtualActivityManager::VirtualActivityManager(Ptr<VirtualClock> clock)
+VirtualActivityManager::VirtualActivityManager(const Ptr<VirtualClock>& clock)
     : ActivityManager(clock), virtualClock_(clock) {
   if (!std::isfinite(now())) {
     throwRangeException("start time " + std::to_string(now()) +

@@ -70,7 +70,7 @@ class VirtualActivityManager final : public ActivityManager {
     std::uint64_t generation;
   };
 
-  explicit VirtualActivityManager(Ptr<VirtualClock> clock);
+  explicit VirtualActivityManager(const Ptr<VirtualClock>& clock);
   // All turns of the present instant.
   void runInstant();
   bool runReadable();
