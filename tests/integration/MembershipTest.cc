@@ -296,6 +296,18 @@ TEST_F(Membership, ErrdisabledPortWhoseVlanIsTurnedOffComesBackAtItsTime) {
   EXPECT_TRUE(sw.vlanSet("eth2")->vlan(10));
 }
 
+TEST_F(Membership, ShutPortThatItsVlanStillHoldsIsLetGoWhenTheCauseClears) {
+  start();
+  takeDownEth2();
+  sw.config().vlanEnabledIs(VlanId(10), false);  // with its machine goes what would follow the shut
+  sw.system.adminEnabledIs("eth2", false);
+  ASSERT_TRUE(sw.vlanSet("eth2")->vlan(10));
+  EXPECT_TRUE(sw.inCause("eth2"));
+  manager.runUntil(sw.intfStatus("eth2")->disabledUntil() + kTick);
+  EXPECT_FALSE(sw.inCause("eth2"));
+  expectUnderDetection("eth2", false, "after the cause cleared");
+}
+
 TEST_F(Membership, InterfaceUnderTheCauseAtEnableIsHeldByItsMarkerAlone) {
   sw.newPort("eth9", "");
   sw.system.ringwardCause->intfStatusIs(intf("eth9"), 1.0);
