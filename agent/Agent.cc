@@ -3,10 +3,13 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <set>
 #include <sstream>
 #include <utility>
 
 #include "agent/PortMatch.h"
+#include "agent/StatusReport.h"
+#include "runtime/vex/LogService.h"
 
 namespace Agent {
 
@@ -14,19 +17,15 @@ namespace PL = Platform::Linux;
 
 namespace {
 
-PL::ErrdisableAction platformAction(ErrdisableAction action) {
-  switch (action) {
-    case ErrdisableAction::kAuto:
-      return PL::ErrdisableAction::automatic;
-    case ErrdisableAction::kBridgePort:
-      return PL::ErrdisableAction::bridgePort;
-    case ErrdisableAction::kAdminDown:
-      return PL::ErrdisableAction::adminDown;
-    case ErrdisableAction::kMonitor:
-      return PL::ErrdisableAction::monitor;
-  }
-  return PL::ErrdisableAction::monitor;
-}
+constexpr std::uint32_t kTickMsecs = 10;
+constexpr std::uint32_t kTicks = 1024;
+
+const Vex::LogHandle RINGWARD_HELD_FILE(
+    "RINGWARD_HELD_FILE", Vex::LogSeverity::warning,
+    "Cannot remember which ports are held down: %s",
+    "Should the agent be killed, the ports that it holds then stay down until they are raised by "
+    "hand.",
+    "Make the directory of state-file writable for the agent, or choose another.", 0.0, 1.0, 0);
 
 PL::PortSelection portSelection(const Configuration& configuration) {
   PL::PortSelection selection;
@@ -54,39 +53,13 @@ class RingwardAgent::Actions final : public PL::LinkActions {
   std::error_code bridgePortStateIs(int ifindex, std::uint8_t state) override {
     return control_.bridgePortStateIs(ifindex, state);
   }
+  std::error_code protoDownIs(int ifindex, bool down) override {
+    return control_.protoDownIs(ifindex, down, PL::kProtoDownReasonBit);
+  }
   std::optional<PL::LinkInfo> read(int ifindex) override { return control_.read(ifindex); }
 
  private:
   PL::LinkControl& control_;
-};
-
-// The link monitor on the activity loop.
-class RingwardAgent::Links final : private Vex::ReadableHandler, private Vex::DeferredTask {
- public:
-  static constexpr std::size_t kMessagesPerTurn = 256;
-
-  Links(Vex::ActivityManager& manager, PL::LinkMonitor::Listener& listener)
-      : DeferredTask(manager), manager_(manager), monitor_(listener) {}
-  ~Links() override {
-    if (watched_) manager_.readableDel(monitor_.fd());
-  }
-
-  std::error_code start() {
-    if (const std::error_code error = monitor_.start()) return error;
-    manager_.readableIs(monitor_.fd(), *this);
-    watched_ = true;
-    return {};
-  }
-
- private:
-  void onReadable() override { run(); }
-  void run() override {
-    if (monitor_.process(kMessagesPerTurn)) schedule();
-  }
-
-  Vex::ActivityManager& manager_;
-  PL::LinkMonitor monitor_;
-  bool watched_ = false;
 };
 
 // Keeps the source guard of the packet access at the address that the probes carry.
@@ -111,9 +84,46 @@ class RingwardAgent::Ready final : public Vex::DeferredTask {
  public:
   explicit Ready(RingwardAgent& agent) : DeferredTask(agent.manager_), agent_(agent) {}
   ~Ready() override = default;
-  void run() override { agent_.reportReady(); }
+  void run() override {
+    agent_.releaseStrays();
+    agent_.reportReady();
+  }
 
  private:
+  RingwardAgent& agent_;
+};
+
+// Follows what errdisable does: tells the operator, and remembers it on disk a turn later, so that
+// writing a file never stands between a loop and its cut.
+class RingwardAgent::Holds final : public PL::Errdisable::Listener, private Vex::DeferredTask {
+ public:
+  using Hold = PL::Errdisable::Hold;
+
+  explicit Holds(RingwardAgent& agent) : DeferredTask(agent.manager_), agent_(agent) {}
+  ~Holds() override = default;
+
+  void held(const Portus::IntfId& intfId, const Hold& hold) override {
+    agent_.report_.held(intfId, hold);
+    schedule();
+  }
+  void heldAtLast(const Portus::IntfId& intfId, const Hold& hold) override {
+    agent_.report_.heldAtLast(intfId, hold);
+    schedule();
+  }
+  void released(const Portus::IntfId& intfId, const Hold& hold) override {
+    agent_.report_.released(intfId, hold);
+    schedule();
+  }
+  void releasedAtLast(const Portus::IntfId& intfId, const Hold& hold) override {
+    agent_.report_.releasedAtLast(intfId, hold);
+    schedule();
+  }
+
+  using DeferredTask::schedule;
+
+ private:
+  void run() override { agent_.writeHolds(); }
+
   RingwardAgent& agent_;
 };
 
@@ -135,15 +145,24 @@ RingwardAgent::RingwardAgent(Vex::ActivityManager& manager, const Configuration&
           Vex::makePtr<Interface::AllIntfStatusLocalDir>("allIntfStatusLocalDir")),
       ringwardCause_(Vex::makePtr<Errdisable::CauseStatus>("ringward")),
       packetCounter_(Ringward::Status::packetCounterFactory("packetCounter")),
+      timerWheel_(Vex::makePtr<Helm::TimerWheel>(Vex::makePtr<Vex::ActivityConfig>(manager),
+                                                 nullptr, kTickMsecs, kTicks, true, kTicks)),
       access_(Vex::makePtr<PL::PacketAccess>(manager, !configuration.acceptForeignSource)),
-      report_(status_, brConfig_, *access_, output_) {}
+      report_(status_, brConfig_, *access_, output_),
+      lostProbes_(brConfig_, [this](const Portus::IntfId& intfId, Bridging::VlanId vlanId) {
+        resend(intfId, vlanId);
+      }) {
+  access_->lossListenerIs(&lostProbes_);
+}
 
 RingwardAgent::~RingwardAgent() {
   stop();
   ready_.reset();
+  selfCheck_.reset();
   globalSm_.reset();
   links_.reset();
   if (directory_) directory_->errdisableIs(nullptr);
+  access_->lossListenerIs(nullptr);
 }
 
 std::optional<RingwardAgent::StartError> RingwardAgent::start() {
@@ -155,50 +174,169 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
   }
   applyConfiguration();
   actions_ = std::make_unique<Actions>(control_);
+  holds_ = std::make_unique<Holds>(*this);
   directory_ = std::make_unique<PL::LinkDirectory>(
       PL::DirectoryEntities{allIntfStatusDir_, allIntfStatusLocalDir_, ethIntfStatusDir_, brConfig_,
                             brTopoConfig_, brTopoStatus_},
       access_, portSelection(configuration_));
-  errdisable_ = Vex::makePtr<PL::Errdisable>(ringwardCause_, *actions_, *directory_, report_,
-                                             platformAction(configuration_.errdisableAction));
+  directory_->sourceAddressIs(configuration_.sourceAddress);
+  errdisable_ = Vex::makePtr<PL::Errdisable>(ringwardCause_, timerWheel_, *actions_, *directory_,
+                                             *holds_, configuration_.errdisableAction);
   directory_->errdisableIs(errdisable_.get());
-  links_ = std::make_unique<Links>(manager_, *directory_);
+  // Before the links: a port that is down by our own hand is not shut by the operator.
+  adoptHolds();
+  links_ = std::make_unique<PL::LinkService>(manager_, timerWheel_, *directory_);
   if (const std::error_code error = links_->start()) {
     links_.reset();
     return StartError{"cannot read the links from rtnetlink", error};
   }
+  resumeHolds();
   source_ = Vex::makePtr<SourceReactor>(status_, access_);
   globalSm_ = Ringward::globalSmFactory(
       config_, status_, mlagStatus_, transmitStatus_, brTopoConfig_, brTopoStatus_, brConfig_,
       ethIntfStatusDir_, allIntfStatusDir_, allIntfStatusLocalDir_, ringwardCause_, packetCounter_);
+  selfCheck_ = std::make_unique<SelfCheck>(manager_, timerWheel_, *globalSm_, *config_,
+                                           *allIntfStatusLocalDir_,
+                                           [this] { return errdisable_->verify(); });
   ready_ = std::make_unique<Ready>(*this);
   ready_->schedule();
   return std::nullopt;
 }
 
-void RingwardAgent::stop() { config_->globalEnabledIs(false); }
+void RingwardAgent::stop() {
+  config_->globalEnabledIs(false);
+  if (errdisable_) writeHolds();
+}
 
 void RingwardAgent::applyConfiguration() {
+  // What goes, goes first; what comes, comes last and finds everything in place.
+  if (!configuration_.enabled) config_->globalEnabledIs(false);
   const auto intf = config_->globalIntfConfigIs("globalIntfConfig");
   intf->transmitIntervalIs(static_cast<std::uint8_t>(configuration_.transmitInterval));
   intf->disabledTimeIs(configuration_.disabledTime);
   config_->transmitConfigIs("transmitConfig")->rateLimitIs(configuration_.rateLimit);
+  for (auto vlan = config_->vlanEnabledIteratorConst(); vlan; ++vlan) {
+    const Bridging::VlanId vlanId = vlan.key();
+    if (!configuration_.vlans.test(vlanId.value())) config_->vlanEnabledDel(vlanId);
+  }
   configuration_.vlans.forEach(
       [this](std::uint16_t vlan) { config_->vlanEnabledIs(Bridging::VlanId(vlan), true); });
+  std::set<Portus::IntfId> exclude;
   for (const std::string& name : configuration_.exclude) {
-    config_->intfExcludeIs(Portus::IntfId::fromName(name), true);
+    exclude.insert(Portus::IntfId::fromName(name));
   }
-  // Last: what is above must be in place when the machines are made.
+  for (auto intfId = config_->intfExcludeIteratorConst(); intfId; ++intfId) {
+    const Portus::IntfId id = intfId.key();
+    if (!exclude.contains(id)) config_->intfExcludeDel(id);
+  }
+  for (const Portus::IntfId& intfId : exclude) config_->intfExcludeIs(intfId, true);
   config_->globalEnabledIs(configuration_.enabled);
 }
 
-void RingwardAgent::reportReady() {
-  std::size_t pairs = 0;
-  if (globalSm_->vlanIntfSmManager()) {
-    for (auto vlan = globalSm_->vlanIntfSmManager()->vlanSmIteratorConst(); vlan; ++vlan) {
-      for (auto port = vlan->vlanIntfTxSmIteratorConst(); port; ++port) ++pairs;
+void RingwardAgent::reload(const Configuration& configuration) {
+  if (configuration == configuration_) {
+    output_("reloaded: nothing has changed");
+    return;
+  }
+  const std::string stateFile = std::exchange(configuration_, configuration).stateFile;
+  errdisable_->actionIs(configuration_.errdisableAction);
+  access_->guardSourceIs(!configuration_.acceptForeignSource);
+  if (configuration_.stateFile != stateFile) {
+    // What the old file says would be taken up by a run that reads it again.
+    static_cast<void>(heldFile_->write({}));
+    heldFile_ = std::make_unique<HeldFile>(configuration_.stateFile);
+    holds_->schedule();
+  }
+  applyConfiguration();
+  directory_->sourceAddressIs(configuration_.sourceAddress);
+  directory_->selectionIs(portSelection(configuration_));
+  selfCheck_->wake();
+  output_("reloaded");
+  ready_->schedule();
+}
+
+// Ahead of all regular probes, as the probes of a port that has just come back, and within the rate
+// limit.
+void RingwardAgent::resend(const Portus::IntfId& intfId, Bridging::VlanId vlanId) {
+  if (!globalSm_ || !globalSm_->vlanIntfTxSm(vlanId, intfId)) return;
+  const auto status = status_->intfStatus(intfId);
+  if (status && !status->disabled()) transmitStatus_->highPriorityEnq({intfId, vlanId});
+}
+
+void RingwardAgent::reportStatus() {
+  writeStatus({*globalSm_, *directory_, *errdisable_, report_, *selfCheck_, lostProbes_,
+               access_->statistics(), links_->statistics()},
+              output_);
+}
+
+void RingwardAgent::adoptHolds() {
+  heldFile_ = std::make_unique<HeldFile>(configuration_.stateFile);
+  std::string error;
+  for (HeldPort& port : heldFile_->read(error)) {
+    try {
+      const auto intfId = Portus::IntfId::fromName(port.interface);
+      errdisable_->holdIs(intfId, port.ifindex, port.action);
+      report_.adopted(intfId, port.since);
+      adopted_.push_back(std::move(port));
+    } catch (const Vex::RangeException& e) {
+      error = e.text();
     }
   }
+  if (!error.empty()) {
+    output_("warning: " + heldFile_->path() +
+            ", the list of ports that an earlier run holds down, cannot be used: " + error);
+  }
+}
+
+// Lets the engine find the ports as the earlier run has left them: held, until their time is over.
+void RingwardAgent::resumeHolds() {
+  for (const HeldPort& port : adopted_) {
+    const auto intfId = Portus::IntfId::fromName(port.interface);
+    const PL::LinkInfo* link = directory_->link(intfId);
+    if (link == nullptr || link->ifindex != port.ifindex) {
+      errdisable_->handleLinkGone(intfId);
+      continue;
+    }
+    const auto status = status_->intfStatusIs(intfId);
+    status->disabledAtIs(port.since);
+    status->disabledUntilIs(port.until);
+    status->disabledIs(true);
+  }
+}
+
+// Puts back what the engine has no use for: the port is excluded by now, or detection is off.
+void RingwardAgent::releaseStrays() {
+  for (const HeldPort& port : adopted_) {
+    const auto intfId = Portus::IntfId::fromName(port.interface);
+    if (ringwardCause_->intfStatusHas(intfId)) {
+      output_("held on: " + port.interface + " by " +
+              std::string(PL::errdisableActionName(port.action)) + ", " + report_.until(intfId));
+      continue;
+    }
+    errdisable_->strayDel(intfId);
+    status_->intfStatusDel(intfId);
+  }
+  if (!adopted_.empty()) holds_->schedule();
+  adopted_.clear();
+}
+
+void RingwardAgent::writeHolds() {
+  using State = PL::Errdisable::Hold::State;
+  std::vector<HeldPort> ports;
+  for (const auto& [intfId, hold] : errdisable_->holds()) {
+    if (!hold.ours || hold.state == State::raised) continue;
+    const auto status = status_->intfStatus(intfId);
+    ports.push_back({intfId.name(), hold.ifindex, hold.action, report_.since(intfId),
+                     status ? status->disabledUntil() : 0.0});
+  }
+  if (const std::error_code error = heldFile_->write(ports)) {
+    Vex::log(RINGWARD_HELD_FILE, heldFile_->path() + ": " + error.message());
+  }
+  if (selfCheck_) selfCheck_->wake();
+}
+
+void RingwardAgent::reportReady() {
+  const std::size_t pairs = countPairs(*globalSm_);
   std::ostringstream line;
   line << "ready: " << directory_->ports() << " ports, " << configuration_.vlans.count()
        << " VLANs, " << pairs << " pairs to probe";

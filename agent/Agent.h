@@ -4,8 +4,9 @@
 // takes, ties them to the Linux platform, and applies one configuration. main() gives it a loop and
 // signals. Activity thread only.
 //
-// Start: the links are read first, then the engine is made with everything in place. Stop: the
-// engine is disabled, which brings every port back, and only then does anything else go.
+// Start: what an earlier run holds is taken over, the links are read, then the engine is made with
+// everything in place. Stop: the engine is disabled, which brings every port back, and only then
+// does anything else go.
 #pragma once
 
 #include <functional>
@@ -13,15 +14,20 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "agent/Configuration.h"
+#include "agent/HeldFile.h"
 #include "agent/LoopReport.h"
+#include "agent/SelfCheck.h"
 #include "engine/GlobalSm.h"
 #include "platform/linux/Errdisable.h"
 #include "platform/linux/LinkControl.h"
 #include "platform/linux/LinkDirectory.h"
-#include "platform/linux/LinkMonitor.h"
+#include "platform/linux/LinkService.h"
+#include "platform/linux/LostProbes.h"
 #include "platform/linux/PacketAccess.h"
+#include "runtime/helm/TimerWheel.h"
 #include "runtime/vex/ActivityManager.h"
 
 namespace Agent {
@@ -43,20 +49,33 @@ class RingwardAgent final {
   };
   std::optional<StartError> start();
 
+  // Takes another configuration in place of the present one. Only what differs reaches the
+  // entities, all of it before this returns; what is held stays held by the action that holds it.
+  // REQUIRES: start() has succeeded.
+  void reload(const Configuration& configuration);
+
+  // Writes what is going on as lines. REQUIRES: start() has succeeded.
+  void reportStatus();
+
   // Disables the engine: every port that it holds comes back.
   void stop();
 
  private:
-  class Links;
   class Actions;
   class SourceReactor;
   class Ready;
+  class Holds;
 
   void applyConfiguration();
+  void adoptHolds();
+  void resumeHolds();
+  void releaseStrays();
+  void writeHolds();
   void reportReady();
+  void resend(const Portus::IntfId& intfId, Bridging::VlanId vlanId);
 
   Vex::ActivityManager& manager_;
-  const Configuration configuration_;
+  Configuration configuration_;
   const LoopReport::Output output_;
 
   // What the engine takes, in the order in which it takes it.
@@ -73,15 +92,22 @@ class RingwardAgent final {
   const Vex::Ptr<Errdisable::CauseStatus> ringwardCause_;
   const Vex::Ptr<Ringward::Status::PacketCounter> packetCounter_;
 
+  // For retries and checks of the platform; the engine has its own.
+  const Vex::Ptr<Helm::TimerWheel> timerWheel_;
   const Vex::Ptr<Platform::Linux::PacketAccess> access_;
   LoopReport report_;
+  Platform::Linux::LostProbes lostProbes_;
+  std::unique_ptr<HeldFile> heldFile_;
+  std::vector<HeldPort> adopted_;  // what an earlier run has left, until the engine stands
+  std::unique_ptr<Holds> holds_;
   Platform::Linux::LinkControl control_;
   std::unique_ptr<Actions> actions_;
   std::unique_ptr<Platform::Linux::LinkDirectory> directory_;
   Vex::Ptr<Platform::Linux::Errdisable> errdisable_;
-  std::unique_ptr<Links> links_;
+  std::unique_ptr<Platform::Linux::LinkService> links_;
   Vex::Ptr<SourceReactor> source_;
   Vex::Ptr<Ringward::GlobalSm> globalSm_;
+  std::unique_ptr<SelfCheck> selfCheck_;
   std::unique_ptr<Ready> ready_;
 };
 

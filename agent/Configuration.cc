@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/Configuration.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
-#include <utility>
 
 namespace Agent {
 
@@ -13,28 +11,7 @@ namespace {
 constexpr std::size_t kMaxQuotedSize = 64;
 constexpr std::size_t kMaxPlainSize = 240;
 
-constexpr std::array<std::pair<ErrdisableAction, std::string_view>, 4> kActions{{
-    {ErrdisableAction::kAuto, "auto"},
-    {ErrdisableAction::kBridgePort, "bridge-port"},
-    {ErrdisableAction::kAdminDown, "admin-down"},
-    {ErrdisableAction::kMonitor, "monitor"},
-}};
-
 }  // namespace
-
-std::string_view errdisableActionText(ErrdisableAction action) {
-  for (const auto& [value, text] : kActions) {
-    if (value == action) return text;
-  }
-  return "";
-}
-
-std::optional<ErrdisableAction> errdisableActionOf(std::string_view text) {
-  for (const auto& [value, word] : kActions) {
-    if (word == text) return value;
-  }
-  return std::nullopt;
-}
 
 bool isInterfaceName(std::string_view text) {
   using namespace std::string_view_literals;

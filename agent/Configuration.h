@@ -12,7 +12,8 @@
 //     empty), never both.
 //  3. Every interface name satisfies isInterfaceName(), every pattern PortMatch::isPattern(); all
 //     are UTF-8, and no list holds the same text twice.
-//  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255.
+//  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255; stateFile is empty or begins with '/'.
+//  5. A fixed source address is a unicast address and not zero.
 #pragma once
 
 #include <cstddef>
@@ -22,6 +23,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/LinkDirectory.h"
+#include "platform/linux/PortAction.h"
 #include "runtime/bridging/VlanBitmap.h"
 
 namespace Agent {
@@ -29,13 +32,10 @@ namespace Agent {
 // IFNAMSIZ of the kernel interface, without the terminating NUL.
 inline constexpr std::size_t kMaxInterfaceNameSize = 15;
 
-// How the agent takes a port of a loop out of service.
-enum class ErrdisableAction : std::uint8_t {
-  kAuto,        // kBridgePort for a port of a kernel bridge, kAdminDown for any other
-  kBridgePort,  // port state "disabled" in the kernel bridge; the link stays up
-  kAdminDown,   // the interface is shut
-  kMonitor,     // nothing but a message in the log
-};
+using Platform::Linux::ErrdisableAction;
+using Platform::Linux::SourceAddress;
+
+inline constexpr const char* kDefaultStateFile = "/run/ringward/held.json";
 
 struct Ports {
   std::string bridge;
@@ -53,16 +53,13 @@ struct Configuration {
   std::uint32_t disabledTime = 604800;  // seconds; 0: a disabled port stays down
   std::uint32_t rateLimit = 1000;       // probes per second; 0: no limit
   std::optional<Ports> ports;
-  ErrdisableAction errdisableAction = ErrdisableAction::kAuto;
+  std::string stateFile = kDefaultStateFile;  // absolute; empty: none
+  ErrdisableAction errdisableAction = ErrdisableAction::automatic;
   bool acceptForeignSource = false;
+  SourceAddress sourceAddress;
 
   friend bool operator==(const Configuration&, const Configuration&) = default;
 };
-
-// The word of the file for an action, such as "bridge-port", and the way back; nothing for a text
-// that is no such word.
-std::string_view errdisableActionText(ErrdisableAction action);
-std::optional<ErrdisableAction> errdisableActionOf(std::string_view text);
 
 // The rule of the kernel (dev_valid_name() in net/core/dev.c): 1 to 15 bytes, without '/', ':',
 // NUL or white space, and neither "." nor "..".

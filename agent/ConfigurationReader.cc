@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <limits>
 #include <numeric>
 #include <optional>
@@ -112,7 +113,7 @@ class FileReader {
     std::string_view key;
     void (FileReader::*read)(const toml::node&);
   };
-  static const std::array<Rule, 14> kRules;
+  static const std::array<Rule, 16> kRules;
 
   struct Range {
     std::int64_t min;
@@ -247,6 +248,7 @@ class FileReader {
     readInteger(node, "rate-limit", {0, kMaxUnsigned, " (probes per second)"},
                 configuration_.rateLimit);
   }
+  void readStateFile(const toml::node& node);
   void readPorts(const toml::node& node);
   void readBridge(const toml::node& node);
   void readMatch(const toml::node& node);
@@ -259,6 +261,7 @@ class FileReader {
   void readAcceptForeignSource(const toml::node& node) {
     readBoolean(node, "packet.accept-foreign-source", configuration_.acceptForeignSource);
   }
+  void readSourceAddress(const toml::node& node);
 
   static constexpr std::int64_t kMaxUnsigned = std::numeric_limits<std::uint32_t>::max();
   static constexpr const char* kInterfaceNameRule =
@@ -271,13 +274,14 @@ class FileReader {
 };
 
 // The keys of the file, in the order in which the messages list them.
-const std::array<FileReader::Rule, 14> FileReader::kRules{{
+const std::array<FileReader::Rule, 16> FileReader::kRules{{
     {"", "enabled", &FileReader::readEnabled},
     {"", "vlans", &FileReader::readVlans},
     {"", "exclude", &FileReader::readExclude},
     {"", "transmit-interval", &FileReader::readTransmitInterval},
     {"", "disabled-time", &FileReader::readDisabledTime},
     {"", "rate-limit", &FileReader::readRateLimit},
+    {"", "state-file", &FileReader::readStateFile},
     {"", "ports", &FileReader::readPorts},
     {"", "errdisable", &FileReader::readErrdisable},
     {"", "packet", &FileReader::readPacket},
@@ -286,6 +290,7 @@ const std::array<FileReader::Rule, 14> FileReader::kRules{{
     {"ports", "native-vlan", &FileReader::readNativeVlan},
     {"errdisable", "action", &FileReader::readAction},
     {"packet", "accept-foreign-source", &FileReader::readAcceptForeignSource},
+    {"packet", "source-address", &FileReader::readSourceAddress},
 }};
 
 // The VLANs that a list names more than once. REQUIRES: VlanBitmap::parse() takes the whole list.
@@ -354,16 +359,60 @@ void FileReader::readMatch(const toml::node& node) {
 }
 
 void FileReader::readAction(const toml::node& node) {
-  const std::string allowed = "\"auto\", \"bridge-port\", \"admin-down\", \"monitor\"";
+  const std::string allowed =
+      "\"auto\", \"bridge-port\", \"protodown\", \"admin-down\", \"monitor\"";
   const auto* text = node.as_string();
   if (text == nullptr)
     return addTypeError(node, "errdisable.action", "a string, one of " + allowed);
-  const std::optional<ErrdisableAction> action = errdisableActionOf(text->get());
+  const auto action = Platform::Linux::errdisableActionOf(text->get());
   if (!action) {
     return addError(node, "errdisable.action",
                     quotedText(text->get()) + " is not an action; allowed: " + allowed);
   }
   configuration_.errdisableAction = *action;
+}
+
+void FileReader::readStateFile(const toml::node& node) {
+  const auto* path = node.as_string();
+  if (path == nullptr) {
+    return addTypeError(node, "state-file", "a string, such as \"/run/ringward/held.json\"");
+  }
+  // A relative path would depend on where the agent was started. ".new" is written beside it.
+  constexpr std::size_t kMostBytes = PATH_MAX - sizeof(".new");
+  if (!path->get().empty() && (path->get().front() != '/' || path->get().size() > kMostBytes ||
+                               path->get().back() == '/')) {
+    return addError(node, "state-file",
+                    quotedText(path->get()) +
+                        " is not a file's path; allowed: a path from \"/\" of " + "at most " +
+                        std::to_string(kMostBytes) + " bytes, or \"\" for none");
+  }
+  configuration_.stateFile = path->get();
+}
+
+void FileReader::readSourceAddress(const toml::node& node) {
+  using Kind = SourceAddress::Kind;
+  const std::string allowed =
+      "\"derived\", \"bridge\", or a unicast address such as \"02:00:00:00:00:01\"";
+  const auto* text = node.as_string();
+  if (text == nullptr) {
+    return addTypeError(node, "packet.source-address", "a string: " + allowed);
+  }
+  SourceAddress& out = configuration_.sourceAddress;
+  if (text->get() == "derived" || text->get() == "bridge") {
+    out = {text->get() == "bridge" ? Kind::bridge : Kind::derived, {}};
+    return;
+  }
+  try {
+    const auto address = Portus::EthAddr::parse(text->get());
+    if (address != Portus::EthAddr() && (address.bytes()[0] & 1U) == 0) {
+      out = {Kind::fixed, address};
+      return;
+    }
+  } catch (const Vex::RangeException&) {
+    // Named below, with what is allowed besides addresses.
+  }
+  addError(node, "packet.source-address",
+           quotedText(text->get()) + " is no source address; allowed: " + allowed);
 }
 
 ConfigurationResult failure(const std::string& file, std::string text, std::uint32_t line = 0,
@@ -415,6 +464,18 @@ void writeLine(std::ostream& out, std::string_view key, Value&& value) {
   line.insert(key, std::forward<Value>(value));
   // Without the literal strings of the default flags: those have no escapes.
   out << toml::toml_formatter{line, toml::format_flags::allow_unicode_strings} << '\n';
+}
+
+std::string sourceAddressText(const SourceAddress& source) {
+  switch (source.kind) {
+    case SourceAddress::Kind::derived:
+      return "derived";
+    case SourceAddress::Kind::bridge:
+      return "bridge";
+    case SourceAddress::Kind::fixed:
+      return source.fixed.toText();
+  }
+  return {};
 }
 
 toml::array arrayOf(const std::vector<std::string>& texts) {
@@ -512,6 +573,7 @@ std::string toText(const Configuration& configuration) {
   writeLine(out, "transmit-interval", std::int64_t{configuration.transmitInterval});
   writeLine(out, "disabled-time", std::int64_t{configuration.disabledTime});
   writeLine(out, "rate-limit", std::int64_t{configuration.rateLimit});
+  writeLine(out, "state-file", configuration.stateFile);
   if (configuration.ports) {
     out << "\n[ports]\n";
     if (!configuration.ports->bridge.empty()) {
@@ -522,9 +584,11 @@ std::string toText(const Configuration& configuration) {
     writeLine(out, "native-vlan", std::int64_t{configuration.ports->nativeVlan});
   }
   out << "\n[errdisable]\n";
-  writeLine(out, "action", std::string(errdisableActionText(configuration.errdisableAction)));
+  writeLine(out, "action",
+            std::string(Platform::Linux::errdisableActionName(configuration.errdisableAction)));
   out << "\n[packet]\n";
   writeLine(out, "accept-foreign-source", configuration.acceptForeignSource);
+  writeLine(out, "source-address", sourceAddressText(configuration.sourceAddress));
   return out.str();
 }
 

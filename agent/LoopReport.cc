@@ -11,7 +11,7 @@
 
 namespace Agent {
 
-using Platform::Linux::ErrdisableAction;
+using Platform::Linux::errdisableActionName;
 
 LoopReport::LoopReport(Vex::Ptr<Ringward::Status::Status const> status,
                        Vex::Ptr<Bridging::Config const> brConfig,
@@ -21,29 +21,48 @@ LoopReport::LoopReport(Vex::Ptr<Ringward::Status::Status const> status,
       access_(access),
       output_(std::move(output)) {}
 
-void LoopReport::held(const Portus::IntfId& intfId, int ifindex, ErrdisableAction action,
-                      std::error_code error) {
+void LoopReport::held(const Portus::IntfId& intfId, const Hold& hold) {
   since_.emplace(intfId, Vex::now());
   std::ostringstream line;
-  line << "loop: received on " << intfId << sender(intfId, ifindex) << ", action "
-       << Platform::Linux::errdisableActionName(action);
-  if (error) {
-    line << " FAILED (" << error.message() << "): the loop is not broken";
+  line << "loop: received on " << intfId << sender(intfId, hold.ifindex) << ", action "
+       << errdisableActionName(hold.action);
+  if (hold.error) {
+    line << " FAILED (" << hold.error.message() << "): the loop is not broken; trying again";
   } else {
     line << ", " << until(intfId);
   }
   output_(line.str());
 }
 
-void LoopReport::released(const Portus::IntfId& intfId, std::error_code error) {
+void LoopReport::heldAtLast(const Portus::IntfId& intfId, const Hold& hold) {
+  std::ostringstream line;
+  line << "held at last: " << intfId << ", action " << errdisableActionName(hold.action)
+       << " after " << hold.attempts << " failed attempts, " << until(intfId);
+  output_(line.str());
+}
+
+void LoopReport::released(const Portus::IntfId& intfId, const Hold& hold) {
   std::ostringstream line;
   line << "recovered: " << intfId;
   if (const auto at = since_.find(intfId); at != since_.end()) {
     line << " after " << std::llround(Vex::now() - at->second) << " s";
     since_.erase(at);
   }
-  if (error) line << ", but putting it back FAILED: " << error.message();
+  if (hold.error) {
+    line << ", but putting it back FAILED (" << hold.error.message() << "); trying again";
+  }
   output_(line.str());
+}
+
+void LoopReport::releasedAtLast(const Portus::IntfId& intfId, const Hold& hold) {
+  std::ostringstream line;
+  line << "put back at last: " << intfId << " after " << hold.attempts << " failed attempts";
+  output_(line.str());
+}
+
+double LoopReport::since(const Portus::IntfId& intfId) const {
+  const auto at = since_.find(intfId);
+  return at != since_.end() ? at->second : 0.0;
 }
 
 std::string LoopReport::sender(const Portus::IntfId& intfId, int ifindex) const {

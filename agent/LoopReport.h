@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Agent::LoopReport: tells whoever runs the agent of each loop, one line when a port goes down and
-// one when it comes back, and of actions that failed. Follows the errdisable actions and reads the
-// rest from the frame that is being delivered. Activity thread only; everything given to it must
-// outlive it.
+// one when it comes back, and one each when an action fails and when it succeeds after all. Follows
+// the errdisable actions and reads the rest from the frame that is being delivered. Activity thread
+// only; everything given to it must outlive it.
 //
 //   loop: received on eth2, sent from eth1, vlan 10, action bridge-port, until 2026-11-21 10:00:00
-//   UTC (30 s) recovered: eth2 after 30 s
+//   UTC (30 s)
+//   recovered: eth2 after 30 s
 #pragma once
 
 #include <functional>
@@ -30,13 +31,21 @@ class LoopReport final : public Platform::Linux::Errdisable::Listener {
              Vex::Ptr<Bridging::Config const> brConfig, const Platform::Linux::PacketAccess& access,
              Output output);
 
-  void held(const Portus::IntfId& intfId, int ifindex, Platform::Linux::ErrdisableAction action,
-            std::error_code error) override;
-  void released(const Portus::IntfId& intfId, std::error_code error) override;
+  using Hold = Platform::Linux::Errdisable::Hold;
+  void held(const Portus::IntfId& intfId, const Hold& hold) override;
+  void heldAtLast(const Portus::IntfId& intfId, const Hold& hold) override;
+  void released(const Portus::IntfId& intfId, const Hold& hold) override;
+  void releasedAtLast(const Portus::IntfId& intfId, const Hold& hold) override;
+
+  // The hold of an earlier run goes on: `since` on the activity clock.
+  void adopted(const Portus::IntfId& intfId, double since) { since_.emplace(intfId, since); }
+  // Since when the interface is held, on the activity clock; 0 if it is not.
+  double since(const Portus::IntfId& intfId) const;
+  // "until 2026-11-21 10:00:00 UTC (30 s)" or "for good".
+  std::string until(const Portus::IntfId& intfId) const;
 
  private:
   std::string sender(const Portus::IntfId& intfId, int ifindex) const;
-  std::string until(const Portus::IntfId& intfId) const;
 
   const Vex::Ptr<Ringward::Status::Status const> status_;
   const Vex::Ptr<Bridging::Config const> brConfig_;

@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <functional>
 #include <string>
 
 #include "agent/Agent.h"
@@ -25,14 +27,13 @@
 
 namespace {
 
-// Ends the loop at SIGTERM and SIGINT.
+// Ends the loop at SIGTERM and SIGINT; SIGHUP and SIGUSR1 go to whoever has asked for them.
 class Signals final : private Vex::ReadableHandler {
  public:
   explicit Signals(Vex::EpollActivityManager& manager) : manager_(manager) {
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) sigaddset(&set, signal);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     fd_ = Platform::Linux::Fd(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
     manager_.readableIs(fd_.get(), *this);
@@ -41,10 +42,20 @@ class Signals final : private Vex::ReadableHandler {
   Signals& operator=(const Signals&) = delete;
   ~Signals() { manager_.readableDel(fd_.get()); }
 
+  std::function<void()> onReload;
+  std::function<void()> onStatus;
+
  private:
   void onReadable() override {
     signalfd_siginfo info{};
-    if (read(fd_.get(), &info, sizeof info) == sizeof info) manager_.stop();
+    if (read(fd_.get(), &info, sizeof info) != sizeof info) return;
+    if (info.ssi_signo == SIGHUP) {
+      if (onReload) onReload();
+    } else if (info.ssi_signo == SIGUSR1) {
+      if (onStatus) onStatus();
+    } else {
+      manager_.stop();
+    }
   }
 
   Vex::EpollActivityManager& manager_;
@@ -53,7 +64,18 @@ class Signals final : private Vex::ReadableHandler {
 
 void complain(const std::string& text) { std::fprintf(stderr, "ringwardd: %s\n", text.c_str()); }
 
-int run(const Agent::Configuration& configuration, bool foreground) {
+void reload(const std::string& path, Agent::RingwardAgent& agent,
+            const Agent::LoopReport::Output& output) {
+  const auto result = Agent::readConfiguration(path);
+  if (result.ok()) {
+    agent.reload(result.configuration());
+    return;
+  }
+  for (const auto& error : result.errors()) output("reload: " + Agent::toText(error));
+  output("reload: refused, the configuration in use stays as it is");
+}
+
+int run(const Agent::Configuration& configuration, const std::string& path, bool foreground) {
   Vex::EpollActivityManager manager;
   const Vex::CurrentActivityManager current(manager);
   Vex::StandardErrorSink standardError;
@@ -77,6 +99,8 @@ int run(const Agent::Configuration& configuration, bool foreground) {
     complain(std::string(error->what) + ": " + error->error.message());
     return 1;
   }
+  signals.onReload = [&] { reload(path, agent, output); };
+  signals.onStatus = [&] { agent.reportStatus(); };
   manager.run();
   agent.stop();
   return 0;
@@ -105,12 +129,14 @@ int main(int argc, char** argv) {
       std::fputs(Agent::toText(result.configuration()).c_str(), stdout);
       return 0;
     }
+    // Detaching changes the directory, and the file is read again at SIGHUP.
+    const std::string path = std::filesystem::absolute(commandLine.configPath).string();
     openlog("ringwardd", LOG_PID, LOG_DAEMON);
     if (!commandLine.foreground && daemon(0, 0) != 0) {
       complain("cannot detach from the terminal");
       return 1;
     }
-    return run(result.configuration(), commandLine.foreground);
+    return run(result.configuration(), path, commandLine.foreground);
   } catch (const std::exception& e) {
     complain(e.what());
     syslog(LOG_ERR, "%s", e.what());

@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "platform/linux/Errdisable.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cmath>
 
+#include "runtime/vex/ActivityManager.h"
 #include "runtime/vex/LogService.h"
 
 namespace Platform::Linux {
 
 namespace {
 
-// linux/if_bridge.h
-constexpr std::uint8_t kStateDisabled = 0;
-constexpr std::uint8_t kStateForwarding = 3;
+using State = Errdisable::Hold::State;
 
 const Vex::LogHandle RINGWARD_ERRDISABLE_OVERRIDDEN(
     "RINGWARD_ERRDISABLE_OVERRIDDEN", Vex::LogSeverity::warning,
@@ -19,27 +20,19 @@ const Vex::LogHandle RINGWARD_ERRDISABLE_OVERRIDDEN(
     "The interface forwards again. The next probe that comes back takes it down again.",
     "Remove the loop, or exclude the interface from detection.", 0.0, 1.0, 0);
 
-bool isBridgePort(const LinkInfo& link) { return link.slaveKind == "bridge"; }
+const Vex::LogHandle RINGWARD_ERRDISABLE_LEFT(
+    "RINGWARD_ERRDISABLE_LEFT", Vex::LogSeverity::error,
+    "A link that was held down as interface %s has another name now and could not be put back",
+    "It stays out of service, and nobody will put it back.",
+    "Raise it by hand, or set its bridge port state to forwarding.", 0.0, 1.0, 0);
 
 }  // namespace
 
-std::string_view errdisableActionName(ErrdisableAction action) {
-  switch (action) {
-    case ErrdisableAction::automatic:
-      return "auto";
-    case ErrdisableAction::bridgePort:
-      return "bridge-port";
-    case ErrdisableAction::adminDown:
-      return "admin-down";
-    case ErrdisableAction::monitor:
-      return "monitor";
-  }
-  return "";
-}
-
-Errdisable::Errdisable(const Vex::Ptr<::Errdisable::CauseStatus const>& cause, LinkActions& actions,
+Errdisable::Errdisable(const Vex::Ptr<::Errdisable::CauseStatus const>& cause,
+                       const Vex::Ptr<Helm::TimerWheel const>& timerWheel, LinkActions& actions,
                        const LinkResolver& links, Listener& listener, ErrdisableAction action)
     : cause_(Vex::newReactor<VexCause>(this, Vex::validPtr(cause))),
+      retryTimer_(Vex::newReactor<VexRetryTimer>(this, Vex::validPtr(timerWheel))),
       actions_(actions),
       links_(links),
       listener_(listener),
@@ -50,135 +43,205 @@ Errdisable::Errdisable(const Vex::Ptr<::Errdisable::CauseStatus const>& cause, L
 
 Errdisable::~Errdisable() { vexTeardown(); }
 
+void Errdisable::holdIs(const Portus::IntfId& intfId, int ifindex, ErrdisableAction action) {
+  Hold hold;
+  hold.ifindex = ifindex;
+  hold.action = action;
+  hold.ours = true;
+  hold.state = State::standing;
+  holds_.emplace(intfId, hold);
+}
+
+void Errdisable::strayDel(const Portus::IntfId& intfId) {
+  if (!listed(intfId)) release(intfId);
+}
+
 bool Errdisable::adminEnabled(const Portus::IntfId& intfId, const LinkInfo& link) {
   const auto rising = rising_.find(intfId);
   if (rising != rising_.end() && (link.adminUp() || rising->second != link.ifindex)) {
     rising_.erase(rising);
   }
   if (link.adminUp() || rising_.contains(intfId)) return true;
-  const auto held = held_.find(intfId);
-  return held != held_.end() && held->second.ifindex == link.ifindex &&
-         held->second.action == ErrdisableAction::adminDown;
+  const auto at = holds_.find(intfId);
+  if (at == holds_.end()) return false;
+  const Hold& hold = at->second;
+  return hold.ifindex == link.ifindex && hold.ours && hold.action == ErrdisableAction::adminDown &&
+         hold.state != State::raised;
 }
 
 void Errdisable::handleCause(const Portus::IntfId& intfId) {
-  if (!watched(cause_)->intfStatusHas(intfId)) {
+  if (!listed(intfId)) {
     release(intfId);
     return;
   }
-  const LinkInfo* link = links_.link(intfId);
-  const auto held = held_.find(intfId);
   // A listed interface that does not exist is taken down when it comes (handleLink).
-  if (link == nullptr || (held != held_.end() && held->second.ifindex == link->ifindex)) return;
-  const int ifindex = link->ifindex;
-  // Noted first: what the kernel tells of the shutdown must not be read as the operator's.
-  Held made{ifindex, ErrdisableAction::adminDown, true};
-  held_[intfId] = made;
-  const std::error_code error = take(*link, made);
-  if (error) {
-    held_.erase(intfId);
-  } else {
-    held_[intfId] = made;
-  }
-  listener_.held(intfId, ifindex, made.action, error);
+  const LinkInfo* link = links_.link(intfId);
+  if (link == nullptr) return;
+  const auto at = holds_.find(intfId);
+  const bool known = at != holds_.end() && at->second.ifindex == link->ifindex;
+  // Every looped probe leads here, half a million times a second in a storm: what failed waits for
+  // its timer.
+  if (known && (at->second.state == State::standing || at->second.state == State::failing)) return;
+  take(intfId, *link);
 }
 
-std::error_code Errdisable::take(const LinkInfo& link, Held& held) {
-  if (action_ != ErrdisableAction::automatic) {
-    held.action = action_;
-    return apply(held);
-  }
-  if (isBridgePort(link)) {
-    held.action = ErrdisableAction::bridgePort;
-    if (!apply(held)) return {};
-  }
-  held.action = ErrdisableAction::adminDown;
-  return apply(held);
+void Errdisable::take(const Portus::IntfId& intfId, const LinkInfo& link) {
+  Hold& hold = holds_[intfId];
+  // What could not be put back is still ours; a link of another index never was.
+  if (hold.ifindex != link.ifindex || hold.state == State::raised) hold = Hold{};
+  hold.ifindex = link.ifindex;
+  hold.attempts = 0;
+  attempt(hold, link);
+  hold.state = hold.error ? State::failing : State::standing;
+  if (hold.error) failed(hold);
+  listener_.held(intfId, hold);
 }
 
-std::error_code Errdisable::apply(Held& held) {
-  // What stands already is somebody else's and is not undone at the end.
-  const auto present = actions_.read(held.ifindex);
-  switch (held.action) {
-    case ErrdisableAction::bridgePort:
-      held.ours = !present || present->bridgePortState != kStateDisabled;
-      return held.ours ? actions_.bridgePortStateIs(held.ifindex, kStateDisabled)
-                       : std::error_code();
-    case ErrdisableAction::adminDown:
-      held.ours = !present || present->adminUp();
-      return held.ours ? actions_.adminUpIs(held.ifindex, false) : std::error_code();
-    case ErrdisableAction::monitor:
-    case ErrdisableAction::automatic:
-      held.ours = false;
-      return {};
+void Errdisable::attempt(Hold& hold, const LinkInfo& link) {
+  // What holds it already is made again, so that the way back stays the same.
+  if (hold.ours && possible(hold.action, link)) {
+    hold.error = Linux::actionIs(actions_, hold.ifindex, hold.action, hold.ours);
+    if (!hold.error) return;
   }
-  return {};
+  const auto undo = [&] {
+    if (hold.ours) static_cast<void>(actionDel(actions_, hold.ifindex, hold.action));
+    hold.ours = false;
+  };
+  for (const ErrdisableAction action : actionsFor(action_, link)) {
+    undo();  // half done is worse than not done: nobody would put it back
+    hold.action = action;
+    hold.error = Linux::actionIs(actions_, hold.ifindex, action, hold.ours);
+    if (!hold.error) return;
+  }
+}
+
+void Errdisable::attemptAgain(const Portus::IntfId& intfId, Hold& hold, const LinkInfo& link) {
+  const bool wasFailing = hold.state == State::failing;
+  attempt(hold, link);
+  if (hold.error) {
+    hold.state = State::failing;
+    failed(hold);
+    if (!wasFailing) listener_.held(intfId, hold);
+    return;
+  }
+  hold.state = State::standing;
+  if (wasFailing) listener_.heldAtLast(intfId, hold);
+  hold.attempts = 0;
+}
+
+bool Errdisable::giveBack(const Portus::IntfId& intfId, Hold& hold) {
+  hold.error.clear();
+  if (!hold.ours || hold.state == State::raised) return true;
+  const bool raises = hold.action == ErrdisableAction::adminDown;
+  if (raises) rising_[intfId] = hold.ifindex;
+  hold.error = actionDel(actions_, hold.ifindex, hold.action);
+  if (raises && hold.error) rising_.erase(intfId);
+  if (hold.error.value() == ENODEV) hold.error.clear();  // gone, and with it what was done to it
+  return !hold.error;
 }
 
 void Errdisable::release(const Portus::IntfId& intfId) {
-  const auto at = held_.find(intfId);
-  if (at == held_.end()) return;
-  const Held held = at->second;
-  held_.erase(at);
-  std::error_code error;
-  switch (held.ours ? held.action : ErrdisableAction::monitor) {
-    case ErrdisableAction::bridgePort:
-      error = actions_.bridgePortStateIs(held.ifindex, kStateForwarding);
-      // Without a carrier, or out of its bridge by now, the port has nothing to come back to: the
-      // kernel makes it forward when its carrier comes or when it joins again.
-      if (error.value() == ENETDOWN || error.value() == EOPNOTSUPP) error.clear();
-      break;
-    case ErrdisableAction::adminDown:
-      rising_[intfId] = held.ifindex;
-      error = actions_.adminUpIs(held.ifindex, true);
-      if (error) rising_.erase(intfId);
-      break;
-    case ErrdisableAction::monitor:
-    case ErrdisableAction::automatic:
-      break;
-  }
-  listener_.released(intfId, error);
-}
-
-void Errdisable::handleLink(const Portus::IntfId& intfId, const LinkInfo& link) {
-  if (!watched(cause_)->intfStatusHas(intfId)) return;
-  const auto at = held_.find(intfId);
-  if (at == held_.end() || at->second.ifindex != link.ifindex) {
-    // Not taken down so far, or another device under the old name.
-    if (at != held_.end()) held_.erase(at);
-    if (link.adminUp()) handleCause(intfId);
+  const auto at = holds_.find(intfId);
+  if (at == holds_.end() || at->second.state == State::releasing) return;
+  at->second.attempts = 0;
+  if (giveBack(intfId, at->second)) {
+    const Hold last = at->second;
+    holds_.erase(at);
+    armRetry();
+    listener_.released(intfId, last);
     return;
   }
-  Held& held = at->second;
-  switch (held.action) {
-    case ErrdisableAction::bridgePort:
-      // The message may be older than the action: apply() asks the kernel for what is so now. It
-      // makes the state ours where the kernel or the operator had let the port forward again.
-      if (link.bridgePortState.value_or(kStateDisabled) != kStateDisabled) {
-        const bool ours = held.ours;
-        if (const std::error_code error = apply(held))
-          listener_.held(intfId, held.ifindex, held.action, error);
-        held.ours = held.ours || ours;
-      }
-      return;
-    case ErrdisableAction::adminDown:
-      if (link.adminUp()) {
-        const auto present = actions_.read(link.ifindex);
-        if (present && present->adminUp()) {
-          held_.erase(at);
-          Vex::log(RINGWARD_ERRDISABLE_OVERRIDDEN, intfId);
-        }
-      }
-      return;
-    case ErrdisableAction::monitor:
-    case ErrdisableAction::automatic:
-      return;
+  at->second.state = State::releasing;
+  failed(at->second);
+  listener_.released(intfId, at->second);
+}
+
+void Errdisable::failed(Hold& hold) {
+  const double pause = kFirstPause * std::exp2(std::min(hold.attempts, 16U));
+  ++hold.attempts;
+  hold.nextAttempt = Vex::now() + std::min(pause, kLongestPause);
+  armRetry();
+}
+
+void Errdisable::armRetry() {
+  double next = Vex::kNever;
+  for (const auto& [intfId, hold] : holds_) {
+    if (hold.attempts != 0) next = std::min(next, hold.nextAttempt);
   }
+  retryTimer_->timeMinIs(next);
+}
+
+void Errdisable::handleRetry() {
+  const double now = Vex::now();
+  for (auto at = holds_.begin(); at != holds_.end();) {
+    const auto here = at++;
+    const Portus::IntfId intfId = here->first;
+    Hold& hold = here->second;
+    if (hold.attempts == 0 || hold.nextAttempt > now) continue;
+    if (hold.state == State::failing) {
+      const LinkInfo* link = links_.link(intfId);
+      if (link != nullptr && link->ifindex == hold.ifindex) {
+        attemptAgain(intfId, hold, *link);
+      } else {
+        failed(hold);  // it is about to be told that the link has gone
+      }
+    } else if (giveBack(intfId, hold)) {
+      const Hold last = hold;
+      holds_.erase(here);
+      listener_.releasedAtLast(intfId, last);
+    } else {
+      failed(hold);
+    }
+  }
+  armRetry();
+}
+
+bool Errdisable::handleLink(const Portus::IntfId& intfId, const LinkInfo& link) {
+  const auto at = holds_.find(intfId);
+  if (at != holds_.end() && at->second.ifindex != link.ifindex) holds_.erase(at);
+  if (!listed(intfId)) return false;
+  const auto found = holds_.find(intfId);
+  if (found == holds_.end()) {
+    // Not taken down so far, or another device under the old name.
+    if (link.adminUp()) take(intfId, link);
+    return false;
+  }
+  Hold& hold = found->second;
+  if (hold.state != State::standing || stands(hold.action, link)) return false;
+  // The message may be older than the action: the kernel is asked for what is so now.
+  const auto present = actions_.read(link.ifindex);
+  if (!present || stands(hold.action, *present)) return false;
+  if (hold.action == ErrdisableAction::adminDown) {
+    hold.state = State::raised;
+    Vex::log(RINGWARD_ERRDISABLE_OVERRIDDEN, intfId);
+    return true;
+  }
+  attemptAgain(intfId, hold, *present);
+  return false;
 }
 
 void Errdisable::handleLinkGone(const Portus::IntfId& intfId) {
-  held_.erase(intfId);
   rising_.erase(intfId);
+  const auto at = holds_.find(intfId);
+  if (at == holds_.end()) return;
+  const Hold hold = at->second;
+  holds_.erase(at);
+  armRetry();
+  if (!hold.ours || hold.state == State::raised || !actions_.read(hold.ifindex)) return;
+  const std::error_code error = actionDel(actions_, hold.ifindex, hold.action);
+  if (error && error.value() != ENODEV) Vex::log(RINGWARD_ERRDISABLE_LEFT, intfId);
+}
+
+std::vector<Portus::IntfId> Errdisable::verify() {
+  std::vector<Portus::IntfId> healed;
+  for (auto& [intfId, hold] : holds_) {
+    if (hold.state != State::standing) continue;
+    const auto present = actions_.read(hold.ifindex);
+    if (!present || stands(hold.action, *present)) continue;
+    attemptAgain(intfId, hold, *present);
+    healed.push_back(intfId);
+  }
+  return healed;
 }
 
 }  // namespace Platform::Linux

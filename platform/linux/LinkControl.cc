@@ -97,6 +97,28 @@ std::error_code LinkControl::bridgePortStateIs(int ifindex, std::uint8_t state) 
   return request(header, nullptr);
 }
 
+std::error_code LinkControl::protoDownIs(int ifindex, bool down, unsigned reasonBit) {
+  if (ifindex <= 0) {
+    return noSuchLink();
+  }
+  if (reasonBit > 31) {
+    return {EINVAL, std::system_category()};
+  }
+  const std::uint32_t bit = std::uint32_t{1} << reasonBit;
+  ifinfomsg info{};
+  info.ifi_family = AF_UNSPEC;
+  info.ifi_index = ifindex;
+  alignas(nlmsghdr) Request buffer{};
+  nlmsghdr& header = newRequest(buffer, RTM_SETLINK, NLM_F_ACK, info);
+  // The kernel takes the reason first, so that it goes even if others keep the link down.
+  nlattr* nest = mnl_attr_nest_start(&header, IFLA_PROTO_DOWN_REASON);
+  mnl_attr_put_u32(&header, IFLA_PROTO_DOWN_REASON_MASK, bit);
+  mnl_attr_put_u32(&header, IFLA_PROTO_DOWN_REASON_VALUE, down ? bit : 0);
+  mnl_attr_nest_end(&header, nest);
+  mnl_attr_put_u8(&header, IFLA_PROTO_DOWN, down ? 1 : 0);
+  return request(header, nullptr);
+}
+
 std::optional<LinkInfo> LinkControl::read(int ifindex, std::error_code* error) {
   std::optional<LinkInfo> link;
   std::error_code result = noSuchLink();

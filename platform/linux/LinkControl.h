@@ -44,6 +44,11 @@ class LinkControl {
   // ENETDOWN: the link is down, or has no carrier and the state is not 0; EINVAL: no such state.
   std::error_code bridgePortStateIs(int ifindex, std::uint8_t state);
 
+  // Holds the link down for a protocol, for the reason with this number (0..31), or lets go of that
+  // reason and, when it was the last, of the link. EOPNOTSUPP: the driver cannot; EBUSY: let go of,
+  // but others still hold the link down; EINVAL: no such number.
+  std::error_code protoDownIs(int ifindex, bool down, unsigned reasonBit);
+
   // The link as it is now, with the state of its bridge port but without VLANs. Empty: no such
   // link, or no answer; `error`, if given, tells which.
   std::optional<LinkInfo> read(int ifindex, std::error_code* error = nullptr);

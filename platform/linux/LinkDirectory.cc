@@ -19,7 +19,8 @@ const Vex::LogHandle RINGWARD_INTF_NAME(
     "Give the interface another name.", 0.0, 1.0, 0);
 
 bool isInterface(const LinkInfo& link) {
-  return link.arpType == ARPHRD_ETHER && (link.flags & IFF_LOOPBACK) == 0 && link.kind != "bridge";
+  return link.arpType == ARPHRD_ETHER && (link.flags & IFF_LOOPBACK) == 0 &&
+         link.kind != "bridge" && link.slaveKind != "bond" && link.slaveKind != "team";
 }
 
 std::optional<Portus::IntfId> intfIdOf(const std::string& name) {
@@ -52,9 +53,28 @@ const LinkInfo* LinkDirectory::link(const Portus::IntfId& intfId) const {
   return at != intfs_.end() ? &at->second.link : nullptr;
 }
 
-std::size_t LinkDirectory::ports() const {
-  return static_cast<std::size_t>(std::count_if(
-      intfs_.begin(), intfs_.end(), [&](const auto& entry) { return isPort(entry.second.link); }));
+void LinkDirectory::selectionIs(PortSelection selection) {
+  selection_ = std::move(selection);
+  entities_.brTopoConfig->vlansIs(selection_.vlans);
+  bridge_ = linkNamed(selection_.bridge);
+  for (const auto& [intfId, intf] : intfs_) portIs(intfId, intf.link);
+  handleSourceAddress();
+}
+
+void LinkDirectory::sourceAddressIs(const SourceAddress& source) {
+  source_ = source;
+  handleSourceAddress();
+}
+
+std::optional<LinkInfo> LinkDirectory::linkNamed(const std::string& name) const {
+  const auto named = [&](const LinkInfo& link) { return link.name == name; };
+  for (const auto& [ifindex, link] : others_) {
+    if (named(link)) return link;
+  }
+  for (const auto& [intfId, intf] : intfs_) {
+    if (named(intf.link)) return intf.link;
+  }
+  return std::nullopt;
 }
 
 bool LinkDirectory::isPort(const LinkInfo& link) const {
@@ -76,9 +96,13 @@ void LinkDirectory::linkIs(const LinkInfo& now, const LinkInfo* before) {
     }
   }
   if (isInterface(now)) {
+    others_.erase(now.ifindex);
     intfIs(now);
-  } else if (const auto known = byIndex_.find(now.ifindex); known != byIndex_.end()) {
-    intfDel(Portus::IntfId(known->second));
+  } else {
+    if (const auto known = byIndex_.find(now.ifindex); known != byIndex_.end()) {
+      intfDel(Portus::IntfId(known->second));
+    }
+    others_[now.ifindex] = now;
   }
   handleSourceAddress();
 }
@@ -88,6 +112,8 @@ void LinkDirectory::linkDel(const LinkInfo& last) {
   if (const auto known = byIndex_.find(last.ifindex); known != byIndex_.end()) {
     intfDel(Portus::IntfId(known->second));
   }
+  others_.erase(last.ifindex);
+  access_->linkDel(last.ifindex);
   handleSourceAddress();
 }
 
@@ -110,6 +136,7 @@ void LinkDirectory::intfIs(const LinkInfo& link) {
   // Copies: what follows may run reactions, but none that change this directory.
   at->second.link = link;
   const Intf intf = at->second;
+  access_->carrierIs(link.ifindex, link.adminUp() && link.carrier);
   intf.status->linkUpIs(link.carrier);
   intf.config->adminEnabledIs(errdisable_ != nullptr ? errdisable_->adminEnabled(*id, link)
                                                      : link.adminUp());
@@ -120,14 +147,20 @@ void LinkDirectory::intfIs(const LinkInfo& link) {
     entities_.ethIntfStatusDir->ethIntfStatusIs(*id, intf.status);
   }
   portIs(*id, link);
-  if (errdisable_ != nullptr) errdisable_->handleLink(*id, link);
+  if (errdisable_ != nullptr && errdisable_->handleLink(*id, link)) {
+    // Raised by the operator while it was held: to the engine, shut and raised, so that it starts
+    // anew and finds the loop if it is still there.
+    intf.config->adminEnabledIs(false);
+    intf.config->adminEnabledIs(true);
+  }
 }
 
 void LinkDirectory::portIs(const Portus::IntfId& intfId, const LinkInfo& link) {
   if (!isPort(link)) {
-    entities_.brTopoStatus->intfVlansDel(intfId);
+    portDel(intfId, link.ifindex);
     return;
   }
+  ports_[link.ifindex] = intfId;
   const bool filtering = bridge_ && bridge_->vlanFiltering.value_or(false);
   const BridgeVlans none;
   const BridgeVlans& kernel = link.vlans ? *link.vlans : none;
@@ -138,16 +171,22 @@ void LinkDirectory::portIs(const Portus::IntfId& intfId, const LinkInfo& link) {
   entities_.brTopoStatus->intfVlansIs(intfId, filtering ? bitmapOf(kernel) : selection_.vlans);
 }
 
+void LinkDirectory::portDel(const Portus::IntfId& intfId, int ifindex) {
+  ports_.erase(ifindex);
+  entities_.brTopoStatus->intfVlansDel(intfId);
+}
+
 void LinkDirectory::intfDel(const Portus::IntfId& intfId) {
   const auto at = intfs_.find(intfId);
   if (at == intfs_.end()) return;
-  byIndex_.erase(at->second.link.ifindex);
+  const int ifindex = at->second.link.ifindex;
+  byIndex_.erase(ifindex);
   intfs_.erase(at);
   if (errdisable_ != nullptr) errdisable_->handleLinkGone(intfId);
   entities_.allIntfStatusDir->intfStatusDel(intfId);
   entities_.allIntfStatusLocalDir->intfStatusLocalDel(intfId);
   entities_.ethIntfStatusDir->ethIntfStatusDel(intfId);
-  entities_.brTopoStatus->intfVlansDel(intfId);
+  portDel(intfId, ifindex);
   entities_.brConfig->switchIntfConfigDel(intfId);
 }
 
@@ -161,20 +200,32 @@ void LinkDirectory::handleBridge(const LinkInfo* bridge) {
   for (const auto& [intfId, intf] : intfs_) portIs(intfId, intf.link);
 }
 
+// Once for each change of a link: bounded by the depth of the map of ports, not by their number.
 void LinkDirectory::handleSourceAddress() {
-  if (bridge_) {
-    entities_.brConfig->bridgeMacAddrIs(bridge_->address);
-    return;
-  }
-  // Without a bridge the system has no address of its own: it takes that of its first port, the one
-  // with the lowest index, and keeps it while that port exists.
-  const LinkInfo* first = nullptr;
-  for (const auto& [intfId, intf] : intfs_) {
-    if (isPort(intf.link) && (first == nullptr || intf.link.ifindex < first->ifindex)) {
-      first = &intf.link;
+  Portus::EthAddr address = source_.fixed;
+  if (source_.kind != SourceAddress::Kind::fixed) {
+    if (bridge_) {
+      address = bridge_->address;
+    } else if (!ports_.empty()) {
+      // Without a bridge the system has no address of its own: it takes that of its first port and
+      // keeps it while that port exists.
+      address = intfs_.at(ports_.begin()->second).link.address;
+    } else {
+      return;
     }
+    if (source_.kind == SourceAddress::Kind::derived) address = derivedAddress(address);
   }
-  if (first != nullptr) entities_.brConfig->bridgeMacAddrIs(first->address);
+  entities_.brConfig->bridgeMacAddrIs(address);
+}
+
+Portus::EthAddr derivedAddress(const Portus::EthAddr& address) {
+  constexpr std::uint8_t kMulticast = 0x01;
+  constexpr std::uint8_t kLocal = 0x02;
+  constexpr std::uint8_t kOther = 0x40;
+  if (address == Portus::EthAddr()) return address;
+  auto bytes = address.bytes();
+  bytes[0] = static_cast<std::uint8_t>(((bytes[0] ^ kOther) | kLocal) & ~kMulticast);
+  return Portus::EthAddr(bytes);
 }
 
 }  // namespace Platform::Linux

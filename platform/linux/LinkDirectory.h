@@ -4,10 +4,11 @@
 // and memberships that the engine reads. Listens to a LinkMonitor and fills the agent's entities.
 // Activity thread only.
 //
-// Every Ethernet link but the loopback and bridges is an interface; those that the selection admits
-// are ports and carry VLANs. An interface is known by its name: a renamed link is one interface
-// that goes and another that comes; a link that leaves its bridge stays an interface and is no
-// port.
+// Every Ethernet link but the loopback, bridges and the members of bonds and teams is an interface
+// (a bond or team stands for its members, as the port channel that it is); those that the selection
+// admits are ports and carry VLANs. An interface is known by its name: a renamed link is one
+// interface that goes and another that comes; a link that leaves its bridge stays an interface and
+// is no port.
 //
 // Invariants:
 //  1. What a port needs is there before its membership says that it is one, and what says that the
@@ -38,6 +39,26 @@ struct PortSelection {
   Bridging::VlanIdOrNone nativeVlan{1};              // of the same ports
 };
 
+// Which source address the probes carry.
+struct SourceAddress {
+  enum class Kind : std::uint8_t {
+    // A locally administered address made from that of the bridge, and never equal to it. A bridge
+    // that hears its own address come back logs a warning for each frame, and the switches of a
+    // loop would learn the way to the bridge's address from its probes.
+    derived,
+    bridge,  // that of the bridge or, without one, of the port with the lowest index
+    fixed
+  };
+  Kind kind = Kind::derived;
+  Portus::EthAddr fixed;  // of that kind only
+
+  friend bool operator==(const SourceAddress&, const SourceAddress&) = default;
+};
+
+// The address that `derived` makes of another: locally administered, and different in one more bit,
+// for addresses that are locally administered already. Zero stays zero.
+Portus::EthAddr derivedAddress(const Portus::EthAddr& address);
+
 // The entities to fill; the agent owns them.
 struct DirectoryEntities {
   Vex::Ptr<Interface::AllIntfStatusDir> allIntfStatusDir;
@@ -55,13 +76,17 @@ class LinkDirectory final : public LinkMonitor::Listener, public Errdisable::Lin
   // Who knows what is held down; null: nothing is. Must outlive its use.
   void errdisableIs(Errdisable* errdisable) noexcept { errdisable_ = errdisable; }
 
+  // Other ports or VLANs from now on; entities whose value stays the same are not touched.
+  void selectionIs(PortSelection selection);
+  void sourceAddressIs(const SourceAddress& source);
+
   void linkIs(const LinkInfo& now, const LinkInfo* before) override;
   void linkDel(const LinkInfo& last) override;
 
   // The link of an interface, null for one that does not exist.
   const LinkInfo* link(const Portus::IntfId& intfId) const override;
 
-  std::size_t ports() const;
+  std::size_t ports() const noexcept { return ports_.size(); }
 
  private:
   struct Intf {
@@ -70,21 +95,28 @@ class LinkDirectory final : public LinkMonitor::Listener, public Errdisable::Lin
     Vex::Ptr<Interface::IntfStatus> status;
   };
 
+  // For a change of the selection; walks all links.
+  std::optional<LinkInfo> linkNamed(const std::string& name) const;
   bool isPort(const LinkInfo& link) const;
   void intfIs(const LinkInfo& link);
   void intfDel(const Portus::IntfId& intfId);
   void portIs(const Portus::IntfId& intfId, const LinkInfo& link);
+  // It is none, or no longer.
+  void portDel(const Portus::IntfId& intfId, int ifindex);
   // The bridge itself has come, gone or changed.
   void handleBridge(const LinkInfo* bridge);
   void handleSourceAddress();
 
   const DirectoryEntities entities_;
   const Vex::Ptr<PacketAccess> access_;
-  const PortSelection selection_;
+  PortSelection selection_;
+  SourceAddress source_;
   Errdisable* errdisable_ = nullptr;
   std::map<Portus::IntfId, Intf> intfs_;
   std::unordered_map<int, Portus::IntfId> byIndex_;
+  std::map<int, LinkInfo> others_;  // links that are no interfaces, by kernel index
   std::optional<LinkInfo> bridge_;
+  std::map<int, Portus::IntfId> ports_;  // by kernel index
 };
 
 }  // namespace Platform::Linux

@@ -111,6 +111,12 @@ bool readPortState(Bytes list, std::optional<std::uint8_t>& state) {
   });
 }
 
+bool readProtoDownReason(Bytes list, std::optional<std::uint32_t>& reasons) {
+  return forEachAttribute(list, [&](std::uint16_t type, Bytes data) {
+    return type != IFLA_PROTO_DOWN_REASON_VALUE || read(data, reasons);
+  });
+}
+
 bool readLinkInfo(Bytes list, LinkMessage& message) {
   // What the two data lists mean depends on the kinds, which need not come first.
   Bytes data;
@@ -212,6 +218,10 @@ bool readAttribute(std::uint16_t type, Bytes data, LinkMessage& message) {
       return read(data, message.operState);
     case IFLA_CARRIER:
       return readFlag(data, message.carrier);
+    case IFLA_PROTO_DOWN:
+      return readFlag(data, message.protoDown);
+    case IFLA_PROTO_DOWN_REASON:
+      return readProtoDownReason(data, message.protoDownReasons);
     case IFLA_MASTER:
       return readIndex(data, message.master);
     case IFLA_LINKINFO:

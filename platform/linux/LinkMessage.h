@@ -53,6 +53,9 @@ struct LinkMessage {
   std::optional<std::string> kind;       // "veth", "bridge", ...; physical devices have none
   std::optional<std::string> slaveKind;  // kind of the master, as "bridge"
 
+  std::optional<bool> protoDown;                  // the carrier is held down for a protocol
+  std::optional<std::uint32_t> protoDownReasons;  // a bit for each that wants it so
+
   // BR_STATE_* (linux/if_bridge.h), from IFLA_PROTINFO (AF_BRIDGE messages) and from the master's
   // data about its port (AF_UNSPEC messages) respectively.
   std::optional<std::uint8_t> bridgePortState;

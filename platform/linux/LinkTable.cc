@@ -37,6 +37,9 @@ void newLinkIs(LinkInfo& link, const LinkMessage& message) {
   link.kind = message.kind.value_or("");
   link.slaveKind = message.slaveKind.value_or("");
   link.vlanFiltering = message.vlanFiltering;
+  link.protoDown = message.protoDown;
+  // The kernel leaves the reasons out when there are none.
+  link.protoDownReasons = message.protoDownReasons.value_or(0);
   if (const int master = message.master.value_or(0); master != link.master) {
     link.master = master;
     bridgePortDataDel(link);

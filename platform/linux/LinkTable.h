@@ -42,6 +42,10 @@ struct LinkInfo {
   std::string kind;            // empty for a physical device
   std::string slaveKind;       // kind of the master, empty without one
 
+  // Held down for a protocol (empty: the kernel does not say), and a bit for each that wants it so.
+  std::optional<bool> protoDown;
+  std::uint32_t protoDownReasons = 0;
+
   // Of a port of a bridge: BR_STATE_*; empty for everything else.
   std::optional<std::uint8_t> bridgePortState;
 

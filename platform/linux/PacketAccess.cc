@@ -43,10 +43,16 @@ void add(PacketSocket::Statistics& sum, const PacketSocket::Statistics& more) {
 class LinuxPam final : public Portus::Pam {
  public:
   LinuxPam(const Portus::IntfId& intfId, int ifindex, Vex::Ptr<PacketAccess> access)
-      : Pam(intfId), ifindex_(ifindex), access_(std::move(access)) {
+      : Pam(intfId),
+        ifindex_(ifindex),
+        access_(std::move(access)),
+        carrier_(!access_->withoutCarrier_.contains(ifindex)) {
     access_->pamIs(ifindex_, *this);
   }
-  ~LinuxPam() override { access_->pamDel(ifindex_, *this); }
+  ~LinuxPam() override {
+    if (access_->lossListener_ != nullptr) access_->lossListener_->accessDel(intfId());
+    access_->pamDel(ifindex_, *this);
+  }
 
   Vex::Ptr<Portus::Pkt> rxPkt() override {
     if (waiting_.empty()) return nullptr;
@@ -56,8 +62,16 @@ class LinuxPam final : public Portus::Pam {
   }
 
   void txPkt(const Vex::Ptr<Portus::Pkt>& pkt) override {
-    // A failed send is counted by the socket; there is nobody who could do more.
-    if (pkt && access_->socket_) static_cast<void>(access_->socket_->send(ifindex_, pkt->bytes()));
+    if (!pkt || !access_->socket_) return;
+    // Other failed sends are counted by the socket; there is nobody who could do more.
+    if (!carrier_ || access_->socket_->send(ifindex_, pkt->bytes()) == std::errc::network_down) {
+      if (access_->lossListener_ != nullptr) access_->lossListener_->probeLost(intfId(), *pkt);
+    }
+  }
+
+  void carrierIs(bool carrier) {
+    if (std::exchange(carrier_, carrier) || !carrier) return;
+    if (access_->lossListener_ != nullptr) access_->lossListener_->carrierUp(intfId());
   }
 
   void deliver(Vex::Ptr<Portus::Pkt> pkt) {
@@ -69,6 +83,7 @@ class LinuxPam final : public Portus::Pam {
  private:
   const int ifindex_;
   const Vex::Ptr<PacketAccess> access_;
+  bool carrier_;
   std::deque<Vex::Ptr<Portus::Pkt>> waiting_;
 };
 
@@ -119,6 +134,18 @@ bool PacketAccess::open(const Portus::PamConfig& config) {
   socket_ = std::move(socket);
   manager_.readableIs(socket_->fd(), *this);
   return true;
+}
+
+void PacketAccess::carrierIs(int ifindex, bool carrier) {
+  if (carrier) {
+    withoutCarrier_.erase(ifindex);
+  } else {
+    withoutCarrier_.insert(ifindex);
+  }
+  const auto at = pams_.find(ifindex);
+  if (at == pams_.end()) return;
+  const Vex::Ptr<LinuxPam> pam(at->second);
+  pam->carrierIs(carrier);
 }
 
 void PacketAccess::close() noexcept {

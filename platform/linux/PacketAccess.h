@@ -13,12 +13,15 @@
 //     its own device; that device has no Pam.
 //  2. With the source guard on, only frames from the present source address are delivered.
 //  3. One turn of the loop handles at most kFramesPerTurn frames, whatever arrives.
+//  4. Nothing is sent into an interface without carrier, and each frame costs one system call at
+//     most.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/linux/PacketSocket.h"
 #include "runtime/portus/Pam.h"
@@ -33,6 +36,17 @@ class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHand
   // A slice that takes a fraction of a millisecond: timers are late by no more than that.
   static constexpr std::size_t kFramesPerTurn = 256;
 
+  // Whoever sees to probes that could not be sent. Must not be called back from inside a call.
+  class LossListener {
+   public:
+    virtual ~LossListener() = default;
+    // The interface had no carrier, or the kernel said that it is down.
+    virtual void probeLost(const Portus::IntfId& intfId, const Portus::Pkt& probe) = 0;
+    virtual void carrierUp(const Portus::IntfId& intfId) = 0;
+    // The interface has no packet access any more.
+    virtual void accessDel(const Portus::IntfId& intfId) = 0;
+  };
+
   // `guardSource`: deliver only frames that carry the address given to sourceIs().
   PacketAccess(Vex::ActivityManager& manager, bool guardSource);
   ~PacketAccess() override;
@@ -46,6 +60,13 @@ class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHand
   // The system's own source address; all zero while there is none, and then every frame is foreign.
   void sourceIs(const Portus::EthAddr& address);
   void guardSourceIs(bool guard);
+
+  // Must outlive its use; null: nobody.
+  void lossListenerIs(LossListener* listener) noexcept { lossListener_ = listener; }
+
+  // Whether the link can carry frames now. A link of which nothing was said is taken to.
+  void carrierIs(int ifindex, bool carrier);
+  void linkDel(int ifindex) { withoutCarrier_.erase(ifindex); }
 
   // The frame that is being delivered for an interface at this moment, null for none: lets whoever
   // reacts to a detection say what was received.
@@ -75,6 +96,8 @@ class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHand
   std::unique_ptr<PacketSocket> socket_;
   PacketSocket::Statistics closedSockets_;  // the counts of sockets that are closed by now
   std::unordered_map<int, LinuxPam*> pams_;
+  std::unordered_set<int> withoutCarrier_;
+  LossListener* lossListener_ = nullptr;
   bool inBatch_ = false;  // the socket is being read and must not close
   int deliveringTo_ = 0;
   const Portus::Pkt* delivering_ = nullptr;

@@ -81,9 +81,44 @@ TEST(ConfigurationReader, AnEmptyFileHasTheDefaultOfEveryKey) {
   EXPECT_EQ(sut.disabledTime, 604800u);
   EXPECT_EQ(sut.rateLimit, 1000u);
   EXPECT_FALSE(sut.ports.has_value());
-  EXPECT_EQ(sut.errdisableAction, ErrdisableAction::kAuto);
+  EXPECT_EQ(sut.errdisableAction, ErrdisableAction::automatic);
   EXPECT_FALSE(sut.acceptForeignSource);
   EXPECT_EQ(sut, Configuration());
+}
+
+TEST(ConfigurationReader, TheSourceAddressIsAWordOrAUnicastAddress) {
+  using Kind = SourceAddress::Kind;
+  const auto source = [](const std::string& value) {
+    return parsed("packet.source-address = '" + value + "'").sourceAddress;
+  };
+  EXPECT_EQ(source("derived").kind, Kind::derived);
+  EXPECT_EQ(source("bridge").kind, Kind::bridge);
+  EXPECT_EQ(source("02:00:00:00:00:Ab"),
+            (SourceAddress{Kind::fixed, Portus::EthAddr(2, 0, 0, 0, 0, 0xAB)}));
+  const std::string allowed =
+      " is no source address; allowed: \"derived\", \"bridge\", or a unicast address such as "
+      "\"02:00:00:00:00:01\"\n";
+  for (const char* const value : {"", "auto", "02:00:00:00:00", "01:00:00:00:00:01",
+                                  "ff:ff:ff:ff:ff:ff", "00:00:00:00:00:00"}) {
+    EXPECT_EQ(errorsOf(std::string("packet.source-address = '") + value + "'"),
+              std::string("f.toml:1: packet.source-address: \"") + value + "\"" + allowed);
+  }
+  EXPECT_EQ(errorsOf("packet.source-address = 7"),
+            "f.toml:1: packet.source-address: found integer 7; wanted: a string: \"derived\", "
+            "\"bridge\", or a unicast address such as \"02:00:00:00:00:01\"\n");
+}
+
+TEST(ConfigurationReader, TheStateFileIsAPathFromTheRootOrNone) {
+  EXPECT_EQ(parsed("").stateFile, "/run/ringward/held.json");
+  EXPECT_EQ(parsed("state-file = ''").stateFile, "");
+  EXPECT_EQ(parsed("state-file = '/var/lib/r.json'").stateFile, "/var/lib/r.json");
+  for (const char* const value : {"held.json", "/run/", "./x"}) {
+    EXPECT_EQ(errorsOf(std::string("state-file = '") + value + "'"),
+              std::string("f.toml:1: state-file: \"") + value +
+                  "\" is not a file's path; allowed: a path from \"/\" of at most 4091 bytes, or "
+                  "\"\" for none\n");
+  }
+  EXPECT_NE(errorsOf("state-file = '/" + std::string(5000, 'x') + "'"), "ok");
 }
 
 TEST(ConfigurationReader, TheNativeVlanIsOneUnlessGiven) {
@@ -106,17 +141,17 @@ TEST(ConfigurationReader, EveryKeyReachesItsField) {
   EXPECT_EQ(sut.ports->bridge, "");
   EXPECT_EQ(sut.ports->match, (std::vector<std::string>{"eth*", "swp*"}));
   EXPECT_EQ(sut.ports->nativeVlan, 2);
-  EXPECT_EQ(sut.errdisableAction, ErrdisableAction::kAdminDown);
+  EXPECT_EQ(sut.errdisableAction, ErrdisableAction::adminDown);
   EXPECT_TRUE(sut.acceptForeignSource);
 }
 
 TEST(ConfigurationReader, EveryActionHasItsWord) {
-  EXPECT_EQ(parsed("errdisable.action = 'auto'").errdisableAction, ErrdisableAction::kAuto);
+  EXPECT_EQ(parsed("errdisable.action = 'auto'").errdisableAction, ErrdisableAction::automatic);
   EXPECT_EQ(parsed("errdisable.action = 'bridge-port'").errdisableAction,
-            ErrdisableAction::kBridgePort);
+            ErrdisableAction::bridgePort);
   EXPECT_EQ(parsed("errdisable.action = 'admin-down'").errdisableAction,
-            ErrdisableAction::kAdminDown);
-  EXPECT_EQ(parsed("errdisable.action = 'monitor'").errdisableAction, ErrdisableAction::kMonitor);
+            ErrdisableAction::adminDown);
+  EXPECT_EQ(parsed("errdisable.action = 'monitor'").errdisableAction, ErrdisableAction::monitor);
 }
 
 TEST(ConfigurationReader, NumbersMayBeTheEndsOfTheirRange) {
@@ -191,7 +226,7 @@ TEST(ConfigurationReader, AWrongTypeIsNamedWithTheWantedOne) {
             "wanted: a list of strings, such as [\"eth7\"]\n");
   EXPECT_EQ(errorsOf("errdisable.action = false"),
             "f.toml:1: errdisable.action: found boolean false; wanted: a string, one of "
-            "\"auto\", \"bridge-port\", \"admin-down\", \"monitor\"\n");
+            "\"auto\", \"bridge-port\", \"protodown\", \"admin-down\", \"monitor\"\n");
   EXPECT_EQ(errorsOf("[packet]\naccept-foreign-source = {}"),
             "f.toml:2: packet.accept-foreign-source: found table; "
             "wanted: a boolean, true or false\n");
@@ -206,23 +241,27 @@ TEST(ConfigurationReader, ASectionHasToBeATableAndAKeyMustNotBeOne) {
 }
 
 TEST(ConfigurationReader, AnUnknownKeyIsAnErrorThatListsTheKnownOnes) {
-  EXPECT_EQ(errorsOf("frequency = 3"),
-            "f.toml:1: frequency: unknown key; allowed: enabled, vlans, exclude, "
-            "transmit-interval, disabled-time, rate-limit, ports, errdisable, packet\n");
+  EXPECT_EQ(
+      errorsOf("frequency = 3"),
+      "f.toml:1: frequency: unknown key; allowed: enabled, vlans, exclude, "
+      "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n");
   EXPECT_EQ(errorsOf("[errdisable]\nreason = ''"),
             "f.toml:2: errdisable.reason: unknown key; allowed in [errdisable]: action\n");
-  EXPECT_EQ(errorsOf("\n[limits]\nx = 1"),
-            "f.toml:2: limits: unknown key; allowed: enabled, vlans, exclude, "
-            "transmit-interval, disabled-time, rate-limit, ports, errdisable, packet\n");
+  EXPECT_EQ(
+      errorsOf("\n[limits]\nx = 1"),
+      "f.toml:2: limits: unknown key; allowed: enabled, vlans, exclude, "
+      "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n");
   EXPECT_EQ(errorsOf("\"a b\\n\" = 1\n[packet]\n\"\" = 2"),
             "f.toml:1: \"a b\\u000A\": unknown key; allowed: enabled, vlans, exclude, "
-            "transmit-interval, disabled-time, rate-limit, ports, errdisable, packet\n"
-            "f.toml:3: packet.\"\": unknown key; allowed in [packet]: accept-foreign-source\n");
+            "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n"
+            "f.toml:3: packet.\"\": unknown key; allowed in [packet]: accept-foreign-source, "
+            "source-address\n");
 }
 
 TEST(ConfigurationReader, AnUnknownKeyNearAKnownOneSuggestsIt) {
   const std::string allowed =
-      "allowed: enabled, vlans, exclude, transmit-interval, disabled-time, rate-limit, ports, "
+      "allowed: enabled, vlans, exclude, transmit-interval, disabled-time, rate-limit, state-file, "
+      "ports, "
       "errdisable, packet\n";
   EXPECT_EQ(errorsOf("vlan = ''"), "f.toml:1: vlan: unknown key; did you mean vlans? " + allowed);
   EXPECT_EQ(errorsOf("Transmit_Interval = 1"),
@@ -237,7 +276,7 @@ TEST(ConfigurationReader, AKeyInTheWrongSectionSuggestsTheRightOne) {
   EXPECT_EQ(errorsOf("native-vlan = 1"),
             "f.toml:1: native-vlan: unknown key; did you mean ports.native-vlan? "
             "allowed: enabled, vlans, exclude, transmit-interval, disabled-time, rate-limit, "
-            "ports, errdisable, packet\n");
+            "state-file, ports, errdisable, packet\n");
   EXPECT_EQ(errorsOf("[errdisable]\nrate-limit = 1"),
             "f.toml:2: errdisable.rate-limit: unknown key; did you mean rate-limit, before the "
             "first section? allowed in [errdisable]: action\n");
@@ -328,7 +367,7 @@ TEST(ConfigurationReader, AListThatIsNoVlanListIsAnError) {
 TEST(ConfigurationReader, AnUnknownActionIsAnError) {
   EXPECT_EQ(errorsOf("[errdisable]\naction = 'Auto'"),
             "f.toml:2: errdisable.action: \"Auto\" is not an action; "
-            "allowed: \"auto\", \"bridge-port\", \"admin-down\", \"monitor\"\n");
+            "allowed: \"auto\", \"bridge-port\", \"protodown\", \"admin-down\", \"monitor\"\n");
 }
 
 TEST(ConfigurationReader, AKeyOrSectionThatStandsTwiceIsAnError) {
@@ -379,7 +418,7 @@ TEST(ConfigurationReader, AllErrorsAreReportedInTheOrderOfTheFile) {
             "f.toml:6: ports.native-vlan: 0 is out of range; allowed: 1 to 4094\n"
             "f.toml:7: ports.x: unknown key; allowed in [ports]: bridge, match, native-vlan\n"
             "f.toml:9: errdisable.action: \"\" is not an action; "
-            "allowed: \"auto\", \"bridge-port\", \"admin-down\", \"monitor\"\n");
+            "allowed: \"auto\", \"bridge-port\", \"protodown\", \"admin-down\", \"monitor\"\n");
 }
 
 TEST(ConfigurationReader, AnErrorCarriesItsPartsOneByOne) {
@@ -511,6 +550,7 @@ TEST(ConfigurationText, IsAFileWithEveryKey) {
             "transmit-interval = 7\n"
             "disabled-time = 3600\n"
             "rate-limit = 50\n"
+            "state-file = \"/run/ringward/held.json\"\n"
             "\n"
             "[ports]\n"
             "match = [ \"eth*\", \"swp*\" ]\n"
@@ -520,7 +560,8 @@ TEST(ConfigurationText, IsAFileWithEveryKey) {
             "action = \"admin-down\"\n"
             "\n"
             "[packet]\n"
-            "accept-foreign-source = true\n");
+            "accept-foreign-source = true\n"
+            "source-address = \"derived\"\n");
 }
 
 // Names of nasty but permitted characters; distinct within one call's list.
@@ -563,8 +604,14 @@ TEST(ConfigurationText, ReadsBackToAnEqualConfiguration) {
       }
       original.ports->nativeVlan = static_cast<std::uint16_t>(1 + random() % 4094);
     }
-    original.errdisableAction = static_cast<ErrdisableAction>(random() % 4);
+    original.errdisableAction = static_cast<ErrdisableAction>(random() % 5);
     original.acceptForeignSource = flip();
+    original.sourceAddress.kind = static_cast<SourceAddress::Kind>(random() % 3);
+    if (original.sourceAddress.kind == SourceAddress::Kind::fixed) {
+      original.sourceAddress.fixed = Portus::EthAddr(static_cast<std::uint8_t>(random() & 0xFEU), 1,
+                                                     2, 3, 4, static_cast<std::uint8_t>(random()));
+    }
+    if (flip()) original.stateFile = flip() ? "" : "/" + randomNames(random, 1, false)[0];
 
     const std::string text = toText(original);
     const ConfigurationResult result = parseConfiguration(text, "f.toml");

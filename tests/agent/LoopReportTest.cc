@@ -12,6 +12,16 @@ namespace Agent {
 namespace {
 
 using Platform::Linux::ErrdisableAction;
+using Hold = Platform::Linux::Errdisable::Hold;
+
+Hold holdBy(ErrdisableAction action, std::error_code error = {}, unsigned attempts = 0) {
+  Hold hold;
+  hold.ifindex = 7;
+  hold.action = action;
+  hold.error = error;
+  hold.attempts = attempts;
+  return hold;
+}
 
 class LoopReportTest : public testing::Test {
  protected:
@@ -29,9 +39,9 @@ class LoopReportTest : public testing::Test {
 
 TEST_F(LoopReportTest, TellsTheDeadlineAndHowLongThePortWasDown) {
   status->intfStatusIs(eth1)->disabledUntilIs(Vex::now() + 30);
-  sut.held(eth1, 7, ErrdisableAction::bridgePort, {});
+  sut.held(eth1, holdBy(ErrdisableAction::bridgePort));
   manager.runFor(30);
-  sut.released(eth1, {});
+  sut.released(eth1, holdBy(ErrdisableAction::bridgePort));
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_TRUE(std::regex_match(
       lines[0], std::regex("loop: received on eth1, found held down, action bridge-port, until "
@@ -42,20 +52,24 @@ TEST_F(LoopReportTest, TellsTheDeadlineAndHowLongThePortWasDown) {
 
 TEST_F(LoopReportTest, APortWithoutADeadlineIsDownForGood) {
   status->intfStatusIs(eth1);
-  sut.held(eth1, 7, ErrdisableAction::adminDown, {});
+  sut.held(eth1, holdBy(ErrdisableAction::adminDown));
   EXPECT_EQ(lines, std::vector<std::string>{
                        "loop: received on eth1, found held down, action admin-down, for good"});
 }
 
 TEST_F(LoopReportTest, FailuresAreNamedWithTheSystemsReason) {
   const std::error_code error(EPERM, std::system_category());
-  sut.held(eth1, 7, ErrdisableAction::adminDown, error);
-  sut.released(eth1, error);
+  sut.held(eth1, holdBy(ErrdisableAction::adminDown, error));
+  sut.heldAtLast(eth1, holdBy(ErrdisableAction::adminDown, {}, 3));
+  sut.released(eth1, holdBy(ErrdisableAction::adminDown, error));
+  sut.releasedAtLast(eth1, holdBy(ErrdisableAction::adminDown, {}, 2));
   EXPECT_EQ(lines, (std::vector<std::string>{
                        "loop: received on eth1, found held down, action admin-down FAILED "
-                       "(Operation not permitted): the loop is not broken",
-                       "recovered: eth1 after 0 s, but putting it back FAILED: Operation not "
-                       "permitted"}));
+                       "(Operation not permitted): the loop is not broken; trying again",
+                       "held at last: eth1, action admin-down after 3 failed attempts, for good",
+                       "recovered: eth1 after 0 s, but putting it back FAILED (Operation not "
+                       "permitted); trying again",
+                       "put back at last: eth1 after 2 failed attempts"}));
 }
 
 }  // namespace

@@ -154,7 +154,9 @@ TEST(NoLoopLab, SixtyFourQuietPortsCarryExactProbesAtExactTimes) {
     const auto frames = sniffer.frames();
     EXPECT_EQ(sniffer.dropped(), 0U);
 
-    const MacAddress source = macOf(kBridgeAddress);
+    // Derived from the bridge's address and not equal to it.
+    MacAddress source = macOf(kBridgeAddress);
+    source[0] ^= 0x40;
     std::map<std::string, ProbeId> ids;
     for (const Frame& frame : frames) {
       const auto probe = asProbe(frame.bytes);

@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <net/if_arp.h>
 
+#include <cerrno>
 #include <map>
 #include <string>
 #include <vector>
@@ -46,6 +47,7 @@ class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
   std::error_code adminUpIs(int ifindex, bool up) override {
     requests.push_back((up ? "up " : "down ") + std::to_string(ifindex));
     if (adminError) return adminError;
+    if (takesRequestsOnly) return {};
     auto& flags = links[ifindex].flags;
     flags = up ? flags | IFF_UP : flags & ~static_cast<unsigned>(IFF_UP);
     return {};
@@ -53,10 +55,19 @@ class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
   std::error_code bridgePortStateIs(int ifindex, std::uint8_t state) override {
     requests.push_back("state " + std::to_string(state) + " " + std::to_string(ifindex));
     if (portError) return portError;
+    if (takesRequestsOnly) return {};
     links[ifindex].bridgePortState = state;
     return {};
   }
+  std::error_code protoDownIs(int ifindex, bool down) override {
+    requests.push_back((down ? "protodown " : "protoup ") + std::to_string(ifindex));
+    if (protoError) return protoError;
+    if (takesRequestsOnly) return {};
+    links[ifindex].protoDown = down;
+    return {};
+  }
   std::optional<LinkInfo> read(int ifindex) override {
+    ++reads;
     const auto at = links.find(ifindex);
     return at != links.end() ? std::optional(at->second) : std::nullopt;
   }
@@ -71,6 +82,9 @@ class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
   std::vector<std::string> requests;
   std::error_code adminError;
   std::error_code portError;
+  std::error_code protoError{EOPNOTSUPP, std::system_category()};  // as most drivers say
+  bool takesRequestsOnly = false;                                  // and does nothing about them
+  unsigned reads = 0;
 };
 
 }  // namespace Platform::Linux

@@ -26,6 +26,14 @@ class Memberships final : public Bridging::Topology::Status::NotifieeConst {
   Texts events;
 };
 
+class Silent final : public Errdisable::Listener {
+  using Hold = Errdisable::Hold;
+  void held(const Portus::IntfId&, const Hold&) override {}
+  void heldAtLast(const Portus::IntfId&, const Hold&) override {}
+  void released(const Portus::IntfId&, const Hold&) override {}
+  void releasedAtLast(const Portus::IntfId&, const Hold&) override {}
+};
+
 class LinkDirectoryTest : public testing::Test {
  protected:
   void make(PortSelection selection) {
@@ -55,6 +63,8 @@ class LinkDirectoryTest : public testing::Test {
                              Vex::makePtr<Bridging::Config>(Vex::Name("brConfig")),
                              Vex::makePtr<Bridging::Topology::Config>(Vex::Name("topoConfig")),
                              Vex::makePtr<Bridging::Topology::Status>(Vex::Name("topoStatus"))};
+  Vex::Ptr<Helm::TimerWheel> wheel = Vex::makePtr<Helm::TimerWheel>(
+      Vex::Ptr<Vex::ActivityConfig>(), Vex::Ptr<Vex::Clock const>(), 10U, 64U, true, 64U);
   Vex::Ptr<PacketAccess> access = Vex::makePtr<PacketAccess>(manager, true);
   Vex::Ptr<Memberships> memberships = Vex::makePtr<Memberships>(entities.brTopoStatus);
   std::unique_ptr<LinkDirectory> sut;
@@ -198,16 +208,94 @@ TEST_F(LinkDirectoryTest, ByPatternALinkNeedsNoBridgeAndABridgeIsNeverAPort) {
   EXPECT_EQ(memberships->events, (Texts{"eth1:1,10-20"}));
 }
 
-TEST_F(LinkDirectoryTest, TheSourceAddressIsTheBridgesOrElseTheFirstPorts) {
+TEST_F(LinkDirectoryTest, TheSourceAddressIsMadeFromThatOfTheBridgeOrElseOfTheFirstPort) {
   makeForBridge();
   tell(bridgeLink(3, "br0"));
   tell(bridgePort(7, "eth1", 3));
+  EXPECT_EQ(entities.brConfig->bridgeMacAddr(), Portus::EthAddr(0x42, 0, 0, 0, 0, 3));
+  sut->sourceAddressIs({SourceAddress::Kind::bridge, {}});
   EXPECT_EQ(entities.brConfig->bridgeMacAddr(), bridgeLink(3, "br0").address);
+  const Portus::EthAddr fixed(2, 1, 2, 3, 4, 5);
+  sut->sourceAddressIs({SourceAddress::Kind::fixed, fixed});
+  EXPECT_EQ(entities.brConfig->bridgeMacAddr(), fixed);
+
   make(PortSelection{.bridge = {}, .match = [](std::string_view) { return true; }, .vlans = {}});
+  sut->sourceAddressIs({SourceAddress::Kind::bridge, {}});
   told.clear();
   tell(ethernetLink(9, "eth9"));
   tell(ethernetLink(8, "eth8"));
   EXPECT_EQ(entities.brConfig->bridgeMacAddr(), ethernetLink(8, "eth8").address);
+  tellGone(8);
+  EXPECT_EQ(entities.brConfig->bridgeMacAddr(), ethernetLink(9, "eth9").address);
+}
+
+TEST_F(LinkDirectoryTest, ADerivedAddressIsLocalUnicastAndNeverTheOneThatItIsMadeFrom) {
+  for (unsigned first = 0; first < 256; ++first) {
+    const Portus::EthAddr address(static_cast<std::uint8_t>(first), 1, 2, 3, 4, 5);
+    const Portus::EthAddr derived = derivedAddress(address);
+    EXPECT_NE(derived, address);
+    EXPECT_EQ(derived.bytes()[0] & 0x03, 0x02) << first;
+  }
+  EXPECT_EQ(derivedAddress(Portus::EthAddr()), Portus::EthAddr());
+}
+
+TEST_F(LinkDirectoryTest, ABondOrTeamIsAnInterfaceAndItsMembersAreNone) {
+  make(PortSelection{.bridge = {}, .match = [](std::string_view) { return true; }, .vlans = {}});
+  for (const char* const kind : {"bond", "team"}) {
+    LinkInfo bond = ethernetLink(20, std::string(kind) + "0");
+    bond.kind = kind;
+    const auto bondId = Portus::IntfId::fromName(bond.name);
+    LinkInfo member = ethernetLink(7, "eth1");
+    tell(bond);
+    tell(member);
+    EXPECT_TRUE(Portus::PortChannelIntfId::isPortChannelIntfId(bondId));
+    EXPECT_EQ(sut->ports(), 2U);
+    member.master = 20;
+    member.slaveKind = kind;
+    tell(member);
+    EXPECT_EQ(sut->ports(), 1U);
+    EXPECT_FALSE(entities.allIntfStatusDir->intfStatus(eth1));
+    EXPECT_TRUE(entities.allIntfStatusDir->intfStatus(bondId));
+    tell(ethernetLink(7, "eth1"));  // it leaves
+    EXPECT_TRUE(entities.allIntfStatusDir->intfStatus(eth1));
+    tellGone(7);
+    tellGone(20);
+  }
+  EXPECT_EQ(memberships->events, (Texts{"bond0:1,10-20", "eth1:1,10-20", "eth1:-", "eth1:1,10-20",
+                                        "eth1:-", "bond0:-", "team0:1,10-20", "eth1:1,10-20",
+                                        "eth1:-", "eth1:1,10-20", "eth1:-", "team0:-"}));
+}
+
+TEST_F(LinkDirectoryTest, AnotherSelectionTellsOnlyOfThePortsThatItChanges) {
+  makeForBridge();
+  tell(bridgeLink(3, "br0"));
+  tell(bridgeLink(4, "br1"));
+  tell(bridgePort(7, "eth1", 3));
+  tell(bridgePort(8, "eth2", 4));
+  tell(bridgePort(9, "eth3", 4));
+  memberships->events.clear();
+  PortSelection next{.bridge = "br0", .match = {}, .vlans = Bridging::VlanBitmap::parse("1,10-20")};
+  sut->selectionIs(next);
+  EXPECT_EQ(memberships->events, Texts{}) << "nothing has changed";
+  next.bridge = "br1";
+  sut->selectionIs(next);
+  EXPECT_EQ(memberships->events, (Texts{"eth1:-", "eth2:1,10-20", "eth3:1,10-20"}));
+  EXPECT_EQ(entities.brConfig->bridgeMacAddr(), derivedAddress(bridgeLink(4, "br1").address));
+  memberships->events.clear();
+  next.vlans = Bridging::VlanBitmap::parse("5");
+  next.nativeVlan = Bridging::VlanIdOrNone(5);
+  sut->selectionIs(next);
+  EXPECT_EQ(memberships->events, (Texts{"eth2:5", "eth3:5"}));
+  EXPECT_EQ(entities.brConfig->switchIntfConfig(Portus::IntfId::fromName("eth2"))->nativeVlan(),
+            Bridging::VlanIdOrNone(5));
+  EXPECT_EQ(entities.brTopoConfig->vlans(), next.vlans);
+  memberships->events.clear();
+  next.bridge.clear();
+  next.match = [](std::string_view name) { return name == "eth1" || name == "eth2"; };
+  sut->selectionIs(next);
+  EXPECT_EQ(memberships->events, (Texts{"eth1:5", "eth3:-"}));
+  sut->selectionIs({});
+  EXPECT_EQ(sut->ports(), 0U);
 }
 
 TEST_F(LinkDirectoryTest, ALinkWithoutAnUsableNameIsLeftOutWithAnError) {
@@ -223,17 +311,13 @@ TEST_F(LinkDirectoryTest, ALinkWithoutAnUsableNameIsLeftOutWithAnError) {
 }
 
 TEST_F(LinkDirectoryTest, TheOperatorsShutdownIsTheIntentAndWhatErrdisableShutsIsNot) {
-  class Silent final : public Errdisable::Listener {
-    void held(const Portus::IntfId&, int, ErrdisableAction, std::error_code) override {}
-    void released(const Portus::IntfId&, std::error_code) override {}
-  };
   makeForBridge();
   FakeKernel kernel;
   Silent silent;
   const auto cause = Vex::makePtr<::Errdisable::CauseStatus>(Vex::Name("ringward"));
   const auto errdisable =
-      Vex::makePtr<Errdisable>(Vex::Ptr<::Errdisable::CauseStatus const>(cause), kernel, *sut,
-                               silent, ErrdisableAction::adminDown);
+      Vex::makePtr<Errdisable>(Vex::Ptr<::Errdisable::CauseStatus const>(cause), wheel, kernel,
+                               *sut, silent, ErrdisableAction::adminDown);
   sut->errdisableIs(errdisable.get());
   tell(bridgeLink(3, "br0"));
   kernel.links[7] = bridgePort(7, "eth1", 3);
@@ -248,6 +332,40 @@ TEST_F(LinkDirectoryTest, TheOperatorsShutdownIsTheIntentAndWhatErrdisableShutsI
   kernel.links[7].flags = 0;
   tell(kernel.links[7]);
   EXPECT_FALSE(config->adminEnabled());
+  sut->errdisableIs(nullptr);
+}
+
+TEST_F(LinkDirectoryTest, AHeldPortThatTheOperatorRaisesIsShutAndRaisedToTheEngine) {
+  class Intents final : public Interface::IntfConfig::NotifieeConst {
+   public:
+    explicit Intents(const Vex::Ptr<Interface::IntfConfig>& config) {
+      notifierIs(Vex::Ptr<Vex::PtrInterface const>(config));
+      isRegisteredNotifieeIs(true);
+    }
+    void onAdminEnabled() override {
+      values.push_back(static_cast<const Interface::IntfConfig*>(notifier())->adminEnabled());
+    }
+    std::vector<bool> values;
+  };
+  makeForBridge();
+  FakeKernel kernel;
+  Silent silent;
+  const auto cause = Vex::makePtr<::Errdisable::CauseStatus>(Vex::Name("ringward"));
+  const auto errdisable =
+      Vex::makePtr<Errdisable>(Vex::Ptr<::Errdisable::CauseStatus const>(cause), wheel, kernel,
+                               *sut, silent, ErrdisableAction::adminDown);
+  sut->errdisableIs(errdisable.get());
+  tell(bridgeLink(3, "br0"));
+  kernel.links[7] = bridgePort(7, "eth1", 3);
+  tell(kernel.links[7]);
+  const auto intents =
+      Vex::makePtr<Intents>(entities.allIntfStatusDir->intfStatus(eth1)->intfConfig());
+  cause->intfStatusIs(eth1, 1.0);
+  tell(kernel.links[7]);
+  EXPECT_EQ(intents->values, std::vector<bool>{});
+  kernel.links[7].flags = IFF_UP;
+  tell(kernel.links[7]);
+  EXPECT_EQ(intents->values, (std::vector<bool>{false, true}));
   sut->errdisableIs(nullptr);
 }
 
