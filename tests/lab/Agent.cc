@@ -21,10 +21,9 @@ std::string quotedList(const std::vector<std::string>& items) {
   return "[" + result + "]";
 }
 
-std::vector<std::string> commandLine(const Lab& lab, const std::string& host,
-                                     const AgentConfig& config) {
+std::vector<std::string> commandLine(const std::string& path, const AgentConfig& config) {
   // The agent sees its host's part of the directory as /run.
-  std::ofstream(lab.directory(host) + "/run/ringward-lab.toml") << config.toToml();
+  std::ofstream(path) << config.toToml();
   return {findAgent(), "--config", "/run/ringward-lab.toml", "--foreground"};
 }
 
@@ -93,12 +92,24 @@ std::string findAgent() {
 }
 
 Agent::Agent(const Lab& lab, const std::string& host, const AgentConfig& config)
-    : process_(lab, host, commandLine(lab, host, config)) {
+    : configPath_(lab.directory(host) + "/run/ringward-lab.toml"),
+      process_(lab, host, commandLine(configPath_, config)) {
   const auto ready = waitEvent(AgentEvent::Kind::kReady, Milliseconds(10'000));
   if (!ready) {
     throw std::runtime_error("ringwardd did not become ready; it wrote:\n" + process_.output());
   }
   ready_ = *ready;
+}
+
+void Agent::reload(const std::string& text) {
+  std::ofstream(configPath_) << text;
+  process_.signal(SIGHUP);
+}
+
+std::optional<Line> Agent::waitText(const std::string& text, Milliseconds limit,
+                                    std::size_t count) const {
+  return process_.waitLine(
+      [&](const std::string& line) { return line.find(text) != std::string::npos; }, limit, count);
 }
 
 std::vector<AgentEvent> Agent::events(AgentEvent::Kind kind) const {

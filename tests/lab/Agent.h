@@ -53,6 +53,13 @@ class Agent {
   // wrote if it does not.
   Agent(const Lab& lab, const std::string& host, const AgentConfig& config);
 
+  // Changes the file and sends the signal to read it again; `text` may be no valid file.
+  void reload(const AgentConfig& config) { reload(config.toToml()); }
+  void reload(const std::string& text);
+  // The count-th line that contains `text`; nothing at the time limit.
+  std::optional<Line> waitText(const std::string& text, Milliseconds limit,
+                               std::size_t count = 1) const;
+
   Process& process() { return process_; }
   const AgentEvent& ready() const { return ready_; }
   std::vector<AgentEvent> events(AgentEvent::Kind kind) const;
@@ -63,6 +70,7 @@ class Agent {
   std::string stop() { return process_.end(SIGTERM, Milliseconds(5000)); }
 
  private:
+  const std::string configPath_;
   Process process_;
   AgentEvent ready_;
 };

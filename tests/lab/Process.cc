@@ -184,6 +184,8 @@ bool Process::reap(Milliseconds limit) {
 
 bool Process::running() { return !reap(Milliseconds(0)); }
 
+void Process::signal(int signal) const { kill(pid_, signal); }
+
 std::string Process::end(int signal, Milliseconds limit) {
   if (running()) {
     kill(pid_, signal);

@@ -49,6 +49,8 @@ class Process {
                                std::size_t count = 1) const;
 
   bool running();
+  // REQUIRES: the program runs.
+  void signal(int signal) const;
   // Sends the signal and waits for the end. Returns what the end was: "exit 0", "signal Aborted",
   // or "still running" at the time limit.
   std::string end(int signal, Milliseconds limit);
