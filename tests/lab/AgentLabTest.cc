@@ -186,10 +186,10 @@ TEST(AgentLab, LoopThatIsMadeByPluggingACableInIsFoundAtOnceAndNotAnIntervalLate
     LinkWatch watch(lab, "sw1");
     Sniffer sniffer(lab, "sw1", "", Sniffer::Keep::kProbes);
     AgentConfig config;
-    config.transmitInterval = 10;
+    config.transmitInterval = 4;
     Agent agent(lab, "sw1", config);
     // By then the first probe of every port is over: one interval and a turn.
-    ASSERT_TRUE(sniffer.waitFrame([](const Frame& f) { return f.outgoing; }, seconds(21), {}, 4));
+    ASSERT_TRUE(sniffer.waitFrame([](const Frame& f) { return f.outgoing; }, seconds(9), {}, 4));
     EXPECT_FALSE(
         sniffer.waitFrame([](const Frame& f) { return f.port == "eth2"; }, Milliseconds(0)))
         << "nothing is sent into a port without carrier";
