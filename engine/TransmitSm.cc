@@ -17,6 +17,8 @@ using Status::TransmitStatus;
 
 namespace {
 constexpr double kWindow = 1.0;  // seconds
+// What a drain leaves for the next one; a long one gives its memory back.
+constexpr std::size_t kMostSpareLevels = 64;
 }  // namespace
 
 TransmitSm::TransmitSm(const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
@@ -41,11 +43,32 @@ TransmitSm::TransmitSm(const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
 
 TransmitSm::~TransmitSm() { vexTeardown(); }
 
+enum class TransmitSm::At : std::uint8_t {
+  begin,     // of the handler
+  highDone,  // regular only: the call of the high handler has returned
+  loop,      // the head of the loop
+  dequeued   // the level below, opened by a dequeue, has returned
+};
+
+struct TransmitSm::Level {
+  bool regular;
+  bool notified;  // opened by a notification, which also catches what it raises
+  At at = At::begin;
+  std::optional<TransmitStatus::Dequeue> taken;
+};
+
 // One run of a handler with all the levels that its dequeues open. A level is what one call of
 // handleHighPriority() or handleRegularPriority() would be.
 class TransmitSm::Drain {
  public:
-  explicit Drain(TransmitSm& sm) noexcept : sm_(sm) {}
+  // The levels of the last drain are taken over empty, so that a probe on its own allocates none.
+  explicit Drain(TransmitSm& sm) noexcept : sm_(sm), levels_(std::move(sm.spareLevels_)) {}
+  Drain(const Drain&) = delete;
+  Drain& operator=(const Drain&) = delete;
+  ~Drain() {
+    levels_.clear();
+    if (levels_.capacity() <= kMostSpareLevels) sm_.spareLevels_ = std::move(levels_);
+  }
 
   // Runs a handler to its end and gives its result.
   bool run(bool regular) {
@@ -61,19 +84,6 @@ class TransmitSm::Drain {
   }
 
  private:
-  enum class At : std::uint8_t {
-    begin,     // of the handler
-    highDone,  // regular only: the call of the high handler has returned
-    loop,      // the head of the loop
-    dequeued   // the level below, opened by a dequeue, has returned
-  };
-  struct Level {
-    bool regular;
-    bool notified;  // opened by a notification, which also catches what it raises
-    At at = At::begin;
-    std::optional<TransmitStatus::Dequeue> taken;
-  };
-
   void open(bool regular, bool notified) {
     levels_.push_back(Level{regular, notified, At::begin, {}});
   }

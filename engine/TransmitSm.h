@@ -17,6 +17,7 @@
 #include <string_view>
 #include <tuple>
 #include <vector>
+#include <vector>
 
 #include "model/config/TransmitConfig.h"
 #include "model/status/PacketCounter.h"
@@ -108,6 +109,8 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   };
 
   class Drain;
+  enum class At : std::uint8_t;
+  struct Level;
 
   auto vexReactors() { return std::tie(throttleTimer_, transmitConfig_, transmitStatus_); }
   static auto vexOwned() { return std::tie(); }
@@ -131,6 +134,7 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   std::uint32_t transmitCount_ = 0;
   bool initialized_ = false;
   GlobalSm* globalSm_;
+  std::vector<Level> spareLevels_;
 };
 
 // Makes the machine, serves what the queues already hold and sets notification active. `globalSm`

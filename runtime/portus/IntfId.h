@@ -14,6 +14,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -60,9 +61,8 @@ class IntfId {
     return id;
   }
   constexpr std::uint64_t value() const noexcept {
-    std::uint64_t result = 0;
-    for (const std::uint8_t byte : bytes_) result = result << 8 | byte;
-    return result;
+    const auto raw = std::bit_cast<std::uint64_t>(bytes_);
+    return std::endian::native == std::endian::little ? __builtin_bswap64(raw) : raw;
   }
 
   constexpr const Bytes& bytes() const noexcept { return bytes_; }
@@ -85,7 +85,10 @@ class IntfId {
   constexpr explicit operator bool() const noexcept { return *this != IntfId(); }
 
   // Bytewise, first byte first; so all ports of one prefix stand together and eth2 before eth10.
-  friend constexpr bool operator==(const IntfId&, const IntfId&) noexcept = default;
+  friend constexpr bool operator==(const IntfId& a, const IntfId& b) noexcept {
+    // One comparison, where that of the arrays is a call.
+    return std::bit_cast<std::uint64_t>(a.bytes_) == std::bit_cast<std::uint64_t>(b.bytes_);
+  }
   friend constexpr auto operator<=>(const IntfId&, const IntfId&) noexcept = default;
 
  private:

@@ -47,20 +47,26 @@ class HashMap : private HashMapGeneric {
   using HashMapGeneric::version;
 
   // The member under `key`, null for none. The pointer is good until the map changes.
-  Value* member(const Key& key) const noexcept { return cast(findG(vtable(), fwkHash(key), &key)); }
+  Value* member(const Key& key) const noexcept {
+    HashMapLink* at = *bucketG(bitReverse(fwkHash(key)));
+    while (at != nullptr && !(cast(at)->fwkKey() == key)) at = at->fwkHmNext();
+    return cast(at);
+  }
   bool has(const Key& key) const noexcept { return member(key) != nullptr; }
 
   // Adds a member under its own key. REQUIRES: the key is free, and the member is in no map
   // (asserted where it shows).
   Value& memberIs(Ptr<Value> value) {
     Value* member = value.release();
-    insertG(vtable(), *member);
+    insertG(vtable(), place(member->fwkKey()), *member);
     return *member;
   }
 
   // Takes the member under `key` out of the map; null if there is none.
   Ptr<Value> memberDel(const Key& key) noexcept {
-    return Ptr<Value>::adopt(cast(deleteMemberG(vtable(), fwkHash(key), &key)));
+    HashMapLink** at = bucketG(bitReverse(fwkHash(key)));
+    while (*at != nullptr && !(cast(*at)->fwkKey() == key)) at = nextG(**at);
+    return *at != nullptr ? Ptr<Value>::adopt(cast(deleteMemberG(at))) : nullptr;
   }
 
   // Takes all members out, then lets them go in map order.
@@ -127,6 +133,17 @@ class HashMap : private HashMapGeneric {
       return &static_cast<const Value&>(m).fwkKey();
     }
   };
+  // Where in the map's order a member with this key belongs.
+  HashMapLink** place(const Key& key) noexcept {
+    const std::uint32_t reversed = bitReverse(fwkHash(key));
+    HashMapLink** at = bucketG(reversed);
+    for (; *at != nullptr; at = nextG(**at)) {
+      const Key& other = cast(*at)->fwkKey();
+      const std::uint32_t otherReversed = bitReverse(fwkHash(other));
+      if (otherReversed > reversed || (otherReversed == reversed && !(other < key))) break;
+    }
+    return at;
+  }
   static const HashMapVTable& vtable() noexcept {
     static constexpr Table table;
     return table;

@@ -12,10 +12,10 @@ namespace {
 constexpr std::uint8_t kMaxLog2Buckets = 28;
 }  // namespace
 
-HashMapLink** HashMapGeneric::placeG(const HashMapVTable& v, std::uint32_t hash,
-                                     const void* key) noexcept {
+HashMapLink* const* HashMapGeneric::placeG(const HashMapVTable& v, std::uint32_t hash,
+                                           const void* key) const noexcept {
   const std::uint32_t reversed = bitReverse(hash);
-  HashMapLink** at = &table()[bucketOf(reversed)];
+  HashMapLink* const* at = bucketG(reversed);
   for (; *at != nullptr; at = &(*at)->next_) {
     const std::uint32_t other = bitReverse(v.hash(**at));
     if (other > reversed || (other == reversed && !v.keyLessThan(**at, key))) break;
@@ -23,29 +23,19 @@ HashMapLink** HashMapGeneric::placeG(const HashMapVTable& v, std::uint32_t hash,
   return at;
 }
 
-HashMapLink* HashMapGeneric::findG(const HashMapVTable& v, std::uint32_t hash,
-                                   const void* key) const noexcept {
-  HashMapLink* at = *const_cast<HashMapGeneric*>(this)->placeG(v, hash, key);
-  return at != nullptr && v.keyEquals(*at, key) ? at : nullptr;
-}
-
-void HashMapGeneric::insertG(const HashMapVTable& v, HashMapLink& member) {
+void HashMapGeneric::insertG(const HashMapVTable& v, HashMapLink** place, HashMapLink& member) {
   const HashMapLink* t = &member;
   VEX_ASSERT_TEXT(t->fwkHmNext() == nullptr, "t->fwkHmNext() == 0");
-  HashMapLink** at = placeG(v, v.hash(member), v.key(member));
-  member.next_ = *at;
-  *at = &member;
+  member.next_ = *place;
+  *place = &member;
   ++members_;
   ++version_;
   maybeGrowG(v);
 }
 
-HashMapLink* HashMapGeneric::deleteMemberG(const HashMapVTable& v, std::uint32_t hash,
-                                           const void* key) noexcept {
-  HashMapLink** at = placeG(v, hash, key);
-  HashMapLink* member = *at;
-  if (member == nullptr || !v.keyEquals(*member, key)) return nullptr;
-  *at = std::exchange(member->next_, nullptr);
+HashMapLink* HashMapGeneric::deleteMemberG(HashMapLink** place) noexcept {
+  HashMapLink* member = *place;
+  *place = std::exchange(member->next_, nullptr);
   --members_;
   ++version_;
   return member;
@@ -59,7 +49,7 @@ HashMapLink* HashMapGeneric::successorG(const HashMapVTable& v,
 
 HashMapLink* HashMapGeneric::findNextG(const HashMapVTable& v, std::uint32_t hash,
                                        const void* key) const noexcept {
-  HashMapLink* at = *const_cast<HashMapGeneric*>(this)->placeG(v, hash, key);
+  HashMapLink* at = *placeG(v, hash, key);
   if (at != nullptr && v.keyEquals(*at, key)) at = at->next_;
   return at != nullptr ? at : findNextBucketG(bucketOf(bitReverse(hash)) + 1);
 }

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // The untyped half of Vex::HashMap: an intrusive hash map of counted members. Code of the system
-// uses HashMap.h; this half exists so that chains, growth and iteration are compiled once.
-// Activity thread only.
+// uses HashMap.h; this half exists so that growth and iteration are compiled once. Finding a place
+// is the typed half's business, since a probe needs a dozen lookups and a virtual call for each
+// comparison would be most of their cost. Activity thread only.
 //
 // With 2^k buckets a key belongs to bucket bitReverse(hash) >> (32 - k), bucket 0 for k = 0. A
 // chain is sorted by the bit-reversed hash and, among equals, by key.
@@ -73,13 +74,19 @@ class HashMapGeneric {
   HashMapGeneric() noexcept = default;
   ~HashMapGeneric() = default;
 
-  // The place where a member with this hash and key stands or would stand.
-  HashMapLink** placeG(const HashMapVTable& v, std::uint32_t hash, const void* key) noexcept;
-  HashMapLink* findG(const HashMapVTable& v, std::uint32_t hash, const void* key) const noexcept;
-  // REQUIRES: no member with this key; `member` is in no map (asserted). Grows the map if needed.
-  void insertG(const HashMapVTable& v, HashMapLink& member);
-  // Unlinks and returns the member with this key, null if there is none.
-  HashMapLink* deleteMemberG(const HashMapVTable& v, std::uint32_t hash, const void* key) noexcept;
+  // The bucket of a bit-reversed hash, and the way along its chain: each is the place of a member,
+  // null at the end.
+  HashMapLink** bucketG(std::uint32_t reversed) noexcept { return &table()[bucketOf(reversed)]; }
+  HashMapLink* const* bucketG(std::uint32_t reversed) const noexcept {
+    return &table()[bucketOf(reversed)];
+  }
+  static HashMapLink** nextG(HashMapLink& member) noexcept { return &member.next_; }
+
+  // Puts the member where it belongs in the order. REQUIRES: no member with its key; `member` is in
+  // no map (asserted). Grows the map if needed.
+  void insertG(const HashMapVTable& v, HashMapLink** place, HashMapLink& member);
+  // Unlinks and returns the member that stands at this place. REQUIRES: there is one.
+  HashMapLink* deleteMemberG(HashMapLink** place) noexcept;
   HashMapLink* firstG() const noexcept { return findNextBucketG(0); }
   // The member after `member`, which is in the map.
   HashMapLink* successorG(const HashMapVTable& v, const HashMapLink& member) const noexcept;
@@ -97,6 +104,9 @@ class HashMapGeneric {
   std::uint32_t bucketOf(std::uint32_t reversed) const noexcept {
     return log2Buckets_ == 0 ? 0 : reversed >> (32U - log2Buckets_);
   }
+  // The place where a member with this hash and key stands or would stand.
+  HashMapLink* const* placeG(const HashMapVTable& v, std::uint32_t hash,
+                             const void* key) const noexcept;
   HashMapLink* findNextBucketG(std::uint32_t bucket) const noexcept;
   void maybeGrowG(const HashMapVTable& v);
 

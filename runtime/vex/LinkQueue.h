@@ -5,7 +5,9 @@
 //
 // Members stand in the order of their indexes. Beside the chain there are two hash maps, by index
 // and by value, so that a member is found and taken out wherever it stands without walking the
-// queue, and the members of one value are found without looking at others.
+// queue, and the members of one value are found without looking at others. A queue that never gets
+// longer than kUnindexed, as one that is served at once, does without them: walking so few members
+// costs less than keeping the maps.
 //
 // Value has ==, < and hash().
 //
@@ -16,6 +18,8 @@
 //  1. An append takes an index larger than every index that the queue has had so far.
 //  2. headIndex is the index of the oldest member; in an empty queue it equals nextIndex.
 //  3. nextIndex may lag behind the tail's index plus 1 after an append; a removal brings it up.
+//  4. The chain holds a counted reference to each member. The maps hold all members (indexed_) or
+//     none.
 #pragma once
 
 #include <cstdint>
@@ -54,12 +58,18 @@ class LinkQueue {
     Member* nextOfValue_ = nullptr;
   };
 
+  // Members up to which a queue that has been empty does without the maps.
+  static constexpr std::uint32_t kUnindexed = 16;
+
   LinkQueue() noexcept = default;
+  ~LinkQueue() {
+    while (head_ != nullptr) take(*head_);
+  }
   LinkQueue(const LinkQueue&) = delete;
   LinkQueue& operator=(const LinkQueue&) = delete;
 
   bool empty() const noexcept { return head_ == nullptr; }
-  std::uint32_t members() const noexcept { return byIndex_.members(); }
+  std::uint32_t members() const noexcept { return members_; }
   std::uint64_t dequeues() const noexcept { return dequeues_; }
   const LinkQueueMetadata& metadata() const noexcept { return metadata_; }
   std::uint32_t headIndex() const noexcept { return metadata_.headIndex; }
@@ -68,7 +78,12 @@ class LinkQueue {
 
   const Member* head() const noexcept { return head_; }
   const Member* tail() const noexcept { return tail_; }
-  const Member* member(std::uint32_t index) const noexcept { return byIndex_.member(index); }
+  const Member* member(std::uint32_t index) const noexcept {
+    if (indexed_) return byIndex_.member(index);
+    const Member* at = head_;
+    while (at != nullptr && at->vexIndex_ != index) at = at->next_;
+    return at;
+  }
   // The first member behind `index` in queue order, null for none. O(1) while a member with this
   // index exists.
   const Member* memberAfter(std::uint32_t index) const noexcept {
@@ -82,6 +97,13 @@ class LinkQueue {
   // number of members of the value.
   const Member* memberOf(const Value& value,
                          std::optional<std::uint32_t> after = std::nullopt) const noexcept {
+    if (!indexed_) {
+      const Member* at = head_;
+      while (at != nullptr && !(at->value_ == value && (!after || larger(at->vexIndex_, *after)))) {
+        at = at->next_;
+      }
+      return at;
+    }
     const Chain* chain = byValue_.member(value);
     const Member* at = chain != nullptr ? chain->head : nullptr;
     while (at != nullptr && after && !larger(at->vexIndex_, *after)) at = at->nextOfValue_;
@@ -92,7 +114,7 @@ class LinkQueue {
   std::uint32_t enq(const Value& value) {
     std::uint32_t index = following();
     // Indexes given to doMemberIs() may lie so far apart that "larger" says nothing any more.
-    while (byIndex_.has(index)) ++index;
+    while (member(index) != nullptr) ++index;
     insertBefore(nullptr, index, value);
     if (head_ == tail_) metadata_.headIndex = index;
     metadata_.nextIndex = index;
@@ -118,11 +140,11 @@ class LinkQueue {
   // Inserts a member under a given index, or gives the existing one another value; false if it has
   // this value already. The index need not be the largest.
   bool doMemberIs(std::uint32_t index, const Value& value) {
-    if (Member* at = byIndex_.member(index); at != nullptr) {
+    if (Member* at = mutableMember(index); at != nullptr) {
       if (at->value_ == value) return false;
-      unchain(*at);
+      if (indexed_) unchain(*at);
       at->value_ = value;
-      chain(*at);
+      if (indexed_) chain(*at);
       return true;
     }
     Member* at = tail_ != nullptr && larger(tail_->vexIndex_, index) ? head_ : nullptr;
@@ -134,7 +156,7 @@ class LinkQueue {
 
   // Takes the member with this index out; null for none.
   Ptr<Member> memberDel(std::uint32_t index) noexcept {
-    Member* at = byIndex_.member(index);
+    Member* at = mutableMember(index);
     return at != nullptr ? take(*at) : Ptr<Member>();
   }
 
@@ -158,12 +180,27 @@ class LinkQueue {
     return larger(behindTail, metadata_.nextIndex) ? behindTail : metadata_.nextIndex;
   }
 
+  Member* mutableMember(std::uint32_t index) noexcept {
+    return const_cast<Member*>(std::as_const(*this).member(index));
+  }
+
   void insertBefore(Member* next, std::uint32_t index, const Value& value) {
-    Member& member = byIndex_.memberIs(makePtr<Member>(index, value));
+    Member& member = *makePtr<Member>(index, value).release();
     member.next_ = next;
     member.previous_ = next != nullptr ? next->previous_ : tail_;
     (member.previous_ != nullptr ? member.previous_->next_ : head_) = &member;
     (next != nullptr ? next->previous_ : tail_) = &member;
+    ++members_;
+    if (indexed_) {
+      mapIs(member);
+    } else if (members_ > kUnindexed) {
+      indexed_ = true;
+      for (Member* at = head_; at != nullptr; at = at->next_) mapIs(*at);
+    }
+  }
+
+  void mapIs(Member& member) {
+    byIndex_.memberIs(Ptr<Member>(&member));
     chain(member);
   }
 
@@ -194,19 +231,26 @@ class LinkQueue {
   // head index.
   Ptr<Member> take(Member& member) noexcept {
     metadata_.nextIndex = following();
-    unchain(member);
+    if (indexed_) {
+      unchain(member);
+      byIndex_.memberDel(member.vexIndex_);
+      indexed_ = members_ > 1;
+    }
+    --members_;
     Member* before = std::exchange(member.previous_, nullptr);
     Member* after = std::exchange(member.next_, nullptr);
     (before != nullptr ? before->next_ : head_) = after;
     (after != nullptr ? after->previous_ : tail_) = before;
     metadata_.headIndex = head_ != nullptr ? head_->vexIndex_ : metadata_.nextIndex;
-    return byIndex_.memberDel(member.vexIndex_);
+    return Ptr<Member>::adopt(&member);
   }
 
   HashMap<Member, std::uint32_t> byIndex_;
   HashMap<Chain, Value> byValue_;
   Member* head_ = nullptr;
   Member* tail_ = nullptr;
+  std::uint32_t members_ = 0;
+  bool indexed_ = false;
   LinkQueueMetadata metadata_;
   std::uint64_t dequeues_ = 0;
 };

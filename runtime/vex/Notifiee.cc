@@ -3,10 +3,6 @@
 
 namespace Vex {
 
-namespace {
-thread_local std::uint32_t expectDepth = 0;
-}  // namespace
-
 void NotifieeConst::hasNotificationActiveIs(bool flag) {
   const bool before = hasNotificationActive();
   PtrInterface::hasNotificationActiveIs(flag);
@@ -53,11 +49,5 @@ void NotifieeConst::handleZeroRef() {
     delete this;
   }
 }
-
-Expect::Expect(std::uint32_t id) noexcept : id_(id) { ++expectDepth; }
-
-Expect::~Expect() { --expectDepth; }
-
-std::uint32_t Expect::depth() noexcept { return expectDepth; }
 
 }  // namespace Vex

@@ -101,16 +101,17 @@ class NotifieeConst : public VFPtrInterface {
 // of guarded call, 0 for a notification.
 class Expect {
  public:
-  explicit Expect(std::uint32_t id) noexcept;
+  explicit Expect(std::uint32_t id) noexcept : id_(id) { ++depth_; }
   Expect(const Expect&) = delete;
   Expect& operator=(const Expect&) = delete;
-  ~Expect();
+  ~Expect() { --depth_; }
 
   std::uint32_t id() const noexcept { return id_; }
   // How many guards stand on this thread's stack.
-  static std::uint32_t depth() noexcept;
+  static std::uint32_t depth() noexcept { return depth_; }
 
  private:
+  inline static constinit thread_local std::uint32_t depth_ = 0;
   std::uint32_t id_;
 };
 
