@@ -17,7 +17,6 @@
 #include <string_view>
 #include <tuple>
 #include <vector>
-#include <vector>
 
 #include "model/config/TransmitConfig.h"
 #include "model/status/PacketCounter.h"

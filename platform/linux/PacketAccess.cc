@@ -63,9 +63,10 @@ class LinuxPam final : public Portus::Pam {
 
   void txPkt(const Vex::Ptr<Portus::Pkt>& pkt) override {
     if (!pkt || !access_->socket_) return;
-    // Other failed sends are counted by the socket; there is nobody who could do more.
-    if (!carrier_ || access_->socket_->send(ifindex_, pkt->bytes()) == std::errc::network_down) {
-      if (access_->lossListener_ != nullptr) access_->lossListener_->probeLost(intfId(), *pkt);
+    if (carrier_) {
+      access_->send(intfId(), ifindex_, pkt);
+    } else if (access_->lossListener_ != nullptr) {
+      access_->lossListener_->probeLost(intfId(), *pkt);
     }
   }
 
@@ -102,7 +103,7 @@ class LinuxDevice final : public Portus::Device {
 };
 
 PacketAccess::PacketAccess(Vex::ActivityManager& manager, bool guardSource)
-    : manager_(manager), guardSource_(guardSource) {}
+    : DeferredTask(manager), manager_(manager), guardSource_(guardSource) {}
 
 PacketAccess::~PacketAccess() { close(); }
 
@@ -148,8 +149,39 @@ void PacketAccess::carrierIs(int ifindex, bool carrier) {
   pam->carrierIs(carrier);
 }
 
+void PacketAccess::send(const Portus::IntfId& intfId, int ifindex,
+                        const Vex::Ptr<Portus::Pkt>& pkt) {
+  waiting_.push_back({intfId, ifindex, pkt});
+  if (waiting_.size() >= PacketSocket::kMostOutgoing) {
+    flush();
+  } else {
+    schedule();
+  }
+}
+
+void PacketAccess::flush() {
+  // What a listener leads to may send again, into a new list.
+  std::vector<Waiting> waiting = std::exchange(waiting_, {});
+  cancel();
+  if (!socket_ || waiting.empty()) return;
+  outgoing_.clear();
+  for (const Waiting& entry : waiting) {
+    outgoing_.push_back({entry.ifindex, entry.pkt->bytes()});
+  }
+  socket_->send(outgoing_, [&](std::size_t position, std::error_code error) {
+    // Other failed sends are counted by the socket; there is nobody who could do more.
+    if (error == std::errc::network_down && lossListener_ != nullptr) {
+      lossListener_->probeLost(waiting[position].intfId, *waiting[position].pkt);
+    }
+  });
+  waiting.clear();
+  if (waiting_.empty()) waiting_ = std::move(waiting);  // for its memory
+}
+
 void PacketAccess::close() noexcept {
   if (!socket_) return;
+  waiting_.clear();  // of interfaces that have gone
+  cancel();
   manager_.readableDel(socket_->fd());
   add(closedSockets_, socket_->statistics());
   socket_.reset();

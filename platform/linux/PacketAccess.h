@@ -13,8 +13,8 @@
 //     its own device; that device has no Pam.
 //  2. With the source guard on, only frames from the present source address are delivered.
 //  3. One turn of the loop handles at most kFramesPerTurn frames, whatever arrives.
-//  4. Nothing is sent into an interface without carrier, and each frame costs one system call at
-//     most.
+//  4. Nothing is sent into an interface without carrier. Probes that are sent in one turn of the
+//     loop leave together at its end, or as soon as there are kMostOutgoing of them.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +22,7 @@
 #include <optional>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "platform/linux/PacketSocket.h"
 #include "runtime/portus/Pam.h"
@@ -31,7 +32,9 @@ namespace Platform::Linux {
 
 class LinuxPam;
 
-class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHandler {
+class PacketAccess final : public Vex::VFPtrInterface,
+                           private Vex::ReadableHandler,
+                           private Vex::DeferredTask {
  public:
   // A slice that takes a fraction of a millisecond: timers are late by no more than that.
   static constexpr std::size_t kFramesPerTurn = 256;
@@ -86,6 +89,9 @@ class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHand
   void guard();
   void onReadable() override;
   void deliver(const ReceivedFrame& frame);
+  void send(const Portus::IntfId& intfId, int ifindex, const Vex::Ptr<Portus::Pkt>& pkt);
+  void flush();
+  void run() override { flush(); }
   Vex::Ptr<Portus::Pam> newPam(const Portus::IntfId& intfId, int ifindex,
                                const Portus::PamConfig& config);
   friend class LinuxDevice;
@@ -96,6 +102,14 @@ class PacketAccess final : public Vex::VFPtrInterface, private Vex::ReadableHand
   std::unique_ptr<PacketSocket> socket_;
   PacketSocket::Statistics closedSockets_;  // the counts of sockets that are closed by now
   std::unordered_map<int, LinuxPam*> pams_;
+  // Sent with the end of the turn; the interface may have gone by then.
+  struct Waiting {
+    Portus::IntfId intfId;
+    int ifindex;
+    Vex::Ptr<Portus::Pkt> pkt;
+  };
+  std::vector<Waiting> waiting_;
+  std::vector<OutgoingFrame> outgoing_;  // of waiting_, while it is sent
   std::unordered_set<int> withoutCarrier_;
   LossListener* lossListener_ = nullptr;
   bool inBatch_ = false;  // the socket is being read and must not close

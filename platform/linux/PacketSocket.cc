@@ -79,6 +79,16 @@ tpacket_auxdata auxdataOf(msghdr& message) {
   return auxdata;
 }
 
+sockaddr_ll addressOf(const OutgoingFrame& frame) {
+  sockaddr_ll address{};
+  address.sll_family = AF_PACKET;
+  address.sll_ifindex = frame.ifindex;
+  address.sll_halen = ETH_ALEN;
+  std::copy_n(frame.bytes.begin(), std::min<std::size_t>(frame.bytes.size(), ETH_ALEN),
+              address.sll_addr);
+  return address;
+}
+
 bool comesFrom(std::span<const std::uint8_t> frame, const Portus::EthAddr& source) {
   return frame.size() >= kSourceOffset + ETH_ALEN &&
          std::equal(source.bytes().begin(), source.bytes().end(), frame.begin() + kSourceOffset);
@@ -101,8 +111,18 @@ struct PacketSocket::Slice {
   std::size_t count = 0;
 };
 
+// What one system call needs to send a batch.
+struct PacketSocket::Outgoing {
+  std::array<sockaddr_ll, kMostOutgoing> addresses{};
+  std::array<iovec, kMostOutgoing> vectors{};
+  std::array<mmsghdr, kMostOutgoing> headers{};
+};
+
 PacketSocket::PacketSocket(const PacketSocketConfig& config)
-    : config_(config), source_(config.source), slice_(std::make_unique<Slice>()) {}
+    : config_(config),
+      source_(config.source),
+      slice_(std::make_unique<Slice>()),
+      outgoing_(std::make_unique<Outgoing>()) {}
 
 PacketSocket::~PacketSocket() = default;
 
@@ -290,11 +310,7 @@ void PacketSocket::handleFrame(std::size_t index, const Sink& sink) {
 }
 
 std::error_code PacketSocket::send(int ifindex, std::span<const std::uint8_t> frame) {
-  sockaddr_ll address{};
-  address.sll_family = AF_PACKET;
-  address.sll_ifindex = ifindex;
-  address.sll_halen = ETH_ALEN;
-  std::copy_n(frame.begin(), std::min<std::size_t>(frame.size(), ETH_ALEN), address.sll_addr);
+  const sockaddr_ll address = addressOf({ifindex, frame});
   ssize_t sent = 0;
   do {
     sent = ::sendto(send_.get(), frame.data(), frame.size(), MSG_DONTWAIT,
@@ -307,6 +323,34 @@ std::error_code PacketSocket::send(int ifindex, std::span<const std::uint8_t> fr
   }
   ++statistics_.sent;
   return {};
+}
+
+void PacketSocket::send(std::span<const OutgoingFrame> frames, const Failed& failed) {
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    outgoing_->addresses[i] = addressOf(frames[i]);
+    // The kernel only reads what is sent.
+    outgoing_->vectors[i] = {const_cast<std::uint8_t*>(frames[i].bytes.data()),
+                             frames[i].bytes.size()};
+    msghdr& message = outgoing_->headers[i].msg_hdr;
+    message.msg_name = &outgoing_->addresses[i];
+    message.msg_namelen = sizeof(sockaddr_ll);
+    message.msg_iov = &outgoing_->vectors[i];
+    message.msg_iovlen = 1;
+  }
+  for (std::size_t next = 0; next < frames.size();) {
+    const int sent = ::sendmmsg(send_.get(), &outgoing_->headers[next],
+                                static_cast<unsigned>(frames.size() - next), MSG_DONTWAIT);
+    if (sent > 0) {
+      statistics_.sent += static_cast<std::uint64_t>(sent);
+      next += static_cast<std::size_t>(sent);
+    } else if (errno != EINTR) {
+      // An error is that of the first frame; one further on ends the call before it.
+      const std::error_code error = lastError();
+      countSendError(error.value());
+      failed(next, error);
+      ++next;
+    }
+  }
 }
 
 void PacketSocket::countSendError(int error) {

@@ -15,6 +15,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/LinkMonitor.h"
@@ -452,6 +453,37 @@ TEST(PacketSocketLab, FailedSendsAreReturnedAndCountedByCause) {
     expected.netDown = 1;
     expected.noDevice = 3;
     EXPECT_EQ(statistics.sendErrors, expected);
+  });
+}
+
+TEST(PacketSocketLab, BatchIsSentInOrderAndAFailedFrameCostsOnlyItself) {
+  Lab::runInNamespace([] {
+    newPair("e0", "e1");
+    newPair("f0", "f1");
+    PacketSocket sut(configOf(kProbes));
+    ASSERT_FALSE(sut.open());
+    const int e0 = indexOf("e0");
+    const int f0 = indexOf("f0");
+    Lab::shell("ip link set f0 down");
+    const Frame first = frameOf(kProbeType, 1);
+    const Frame lost = frameOf(kProbeType, 2);
+    const Frame second = frameOf(kProbeType, 3);
+    const Frame shortOne(13, 0xFF);
+    const Frame third = frameOf(kProbeType, 4);
+    const std::vector<OutgoingFrame> batch{{f0, lost},     {e0, first}, {e0, second}, {f0, lost},
+                                           {e0, shortOne}, {e0, third}, {-5, lost}};
+    std::vector<std::pair<std::size_t, int>> failed;
+    sut.send(batch, [&](std::size_t position, std::error_code error) {
+      failed.emplace_back(position, error.value());
+    });
+    const std::vector<std::pair<std::size_t, int>> expected{
+        {0, ENETDOWN}, {3, ENETDOWN}, {4, EINVAL}, {6, ENXIO}};
+    EXPECT_EQ(failed, expected);
+    EXPECT_EQ(sut.statistics().sent, 3U);
+    std::vector<std::uint8_t> heard;
+    for (const Heard& h : hearAll(sut, e0)) heard.push_back(h.bytes.back());
+    EXPECT_EQ(heard, (std::vector<std::uint8_t>{1, 3, 4}));
+    sut.send({}, [](std::size_t, std::error_code) { ADD_FAILURE() << "nothing to fail"; });
   });
 }
 
