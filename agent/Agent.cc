@@ -153,6 +153,7 @@ RingwardAgent::RingwardAgent(Vex::ActivityManager& manager, const Configuration&
         resend(intfId, vlanId);
       }) {
   access_->lossListenerIs(&lostProbes_);
+  access_->floodListenerIs(&scheduling_);
 }
 
 RingwardAgent::~RingwardAgent() {
@@ -163,6 +164,7 @@ RingwardAgent::~RingwardAgent() {
   links_.reset();
   if (directory_) directory_->errdisableIs(nullptr);
   access_->lossListenerIs(nullptr);
+  access_->floodListenerIs(nullptr);
 }
 
 std::optional<RingwardAgent::StartError> RingwardAgent::start() {
@@ -172,6 +174,7 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
   if (const std::error_code error = control_.open()) {
     return StartError{"cannot open rtnetlink", error};
   }
+  applyScheduling();
   applyConfiguration();
   actions_ = std::make_unique<Actions>(control_);
   holds_ = std::make_unique<Holds>(*this);
@@ -206,6 +209,13 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
 void RingwardAgent::stop() {
   config_->globalEnabledIs(false);
   if (errdisable_) writeHolds();
+}
+
+void RingwardAgent::applyScheduling() {
+  const std::error_code error = scheduling_.schedulingIs(configuration_.scheduling);
+  if (!error) return;
+  output_("warning: no real-time scheduling (" + error.message() +
+          "): a storm may delay the cut by several milliseconds");
 }
 
 void RingwardAgent::applyConfiguration() {
@@ -247,6 +257,7 @@ void RingwardAgent::reload(const Configuration& configuration) {
     heldFile_ = std::make_unique<HeldFile>(configuration_.stateFile);
     holds_->schedule();
   }
+  applyScheduling();
   applyConfiguration();
   directory_->sourceAddressIs(configuration_.sourceAddress);
   directory_->selectionIs(portSelection(configuration_));

@@ -67,6 +67,7 @@ class RingwardAgent final {
   class Holds;
 
   void applyConfiguration();
+  void applyScheduling();
   void adoptHolds();
   void resumeHolds();
   void releaseStrays();
@@ -95,6 +96,7 @@ class RingwardAgent final {
   // For retries and checks of the platform; the engine has its own.
   const Vex::Ptr<Helm::TimerWheel> timerWheel_;
   const Vex::Ptr<Platform::Linux::PacketAccess> access_;
+  ProcessScheduling scheduling_;
   LoopReport report_;
   Platform::Linux::LostProbes lostProbes_;
   std::unique_ptr<HeldFile> heldFile_;

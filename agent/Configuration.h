@@ -23,6 +23,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/Scheduling.h"
 #include "platform/linux/LinkDirectory.h"
 #include "platform/linux/PortAction.h"
 #include "runtime/bridging/VlanBitmap.h"
@@ -54,6 +55,7 @@ struct Configuration {
   std::uint32_t rateLimit = 1000;       // probes per second; 0: no limit
   std::optional<Ports> ports;
   std::string stateFile = kDefaultStateFile;  // absolute; empty: none
+  Scheduling scheduling = Scheduling::automatic;
   ErrdisableAction errdisableAction = ErrdisableAction::automatic;
   bool acceptForeignSource = false;
   SourceAddress sourceAddress;

@@ -113,7 +113,7 @@ class FileReader {
     std::string_view key;
     void (FileReader::*read)(const toml::node&);
   };
-  static const std::array<Rule, 16> kRules;
+  static const std::array<Rule, 17> kRules;
 
   struct Range {
     std::int64_t min;
@@ -249,6 +249,7 @@ class FileReader {
                 configuration_.rateLimit);
   }
   void readStateFile(const toml::node& node);
+  void readScheduling(const toml::node& node);
   void readPorts(const toml::node& node);
   void readBridge(const toml::node& node);
   void readMatch(const toml::node& node);
@@ -274,7 +275,7 @@ class FileReader {
 };
 
 // The keys of the file, in the order in which the messages list them.
-const std::array<FileReader::Rule, 16> FileReader::kRules{{
+const std::array<FileReader::Rule, 17> FileReader::kRules{{
     {"", "enabled", &FileReader::readEnabled},
     {"", "vlans", &FileReader::readVlans},
     {"", "exclude", &FileReader::readExclude},
@@ -282,6 +283,7 @@ const std::array<FileReader::Rule, 16> FileReader::kRules{{
     {"", "disabled-time", &FileReader::readDisabledTime},
     {"", "rate-limit", &FileReader::readRateLimit},
     {"", "state-file", &FileReader::readStateFile},
+    {"", "scheduling", &FileReader::readScheduling},
     {"", "ports", &FileReader::readPorts},
     {"", "errdisable", &FileReader::readErrdisable},
     {"", "packet", &FileReader::readPacket},
@@ -387,6 +389,18 @@ void FileReader::readStateFile(const toml::node& node) {
                         std::to_string(kMostBytes) + " bytes, or \"\" for none");
   }
   configuration_.stateFile = path->get();
+}
+
+void FileReader::readScheduling(const toml::node& node) {
+  const std::string allowed = "\"auto\", \"realtime\", \"normal\"";
+  const auto* text = node.as_string();
+  if (text == nullptr) return addTypeError(node, "scheduling", "a string, one of " + allowed);
+  const auto scheduling = schedulingOf(text->get());
+  if (!scheduling) {
+    return addError(node, "scheduling",
+                    quotedText(text->get()) + " is no scheduling; allowed: " + allowed);
+  }
+  configuration_.scheduling = *scheduling;
 }
 
 void FileReader::readSourceAddress(const toml::node& node) {
@@ -574,6 +588,7 @@ std::string toText(const Configuration& configuration) {
   writeLine(out, "disabled-time", std::int64_t{configuration.disabledTime});
   writeLine(out, "rate-limit", std::int64_t{configuration.rateLimit});
   writeLine(out, "state-file", configuration.stateFile);
+  writeLine(out, "scheduling", std::string(schedulingName(configuration.scheduling)));
   if (configuration.ports) {
     out << "\n[ports]\n";
     if (!configuration.ports->bridge.empty()) {

@@ -100,7 +100,7 @@ void Errdisable::take(const Portus::IntfId& intfId, const LinkInfo& link) {
 void Errdisable::attempt(Hold& hold, const LinkInfo& link) {
   // What holds it already is made again, so that the way back stays the same.
   if (hold.ours && possible(hold.action, link)) {
-    hold.error = Linux::actionIs(actions_, hold.ifindex, hold.action, hold.ours);
+    hold.error = Linux::actionIs(actions_, link, hold.action, hold.ours);
     if (!hold.error) return;
   }
   const auto undo = [&] {
@@ -110,7 +110,7 @@ void Errdisable::attempt(Hold& hold, const LinkInfo& link) {
   for (const ErrdisableAction action : actionsFor(action_, link)) {
     undo();  // half done is worse than not done: nobody would put it back
     hold.action = action;
-    hold.error = Linux::actionIs(actions_, hold.ifindex, action, hold.ours);
+    hold.error = Linux::actionIs(actions_, link, action, hold.ours);
     if (!hold.error) return;
   }
 }

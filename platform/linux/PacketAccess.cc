@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <deque>
 #include <utility>
 
@@ -180,6 +181,7 @@ void PacketAccess::flush() {
 
 void PacketAccess::close() noexcept {
   if (!socket_) return;
+  fullTurn(false);
   waiting_.clear();  // of interfaces that have gone
   cancel();
   manager_.readableDel(socket_->fd());
@@ -218,9 +220,18 @@ void PacketAccess::guard() {
 void PacketAccess::onReadable() {
   const Vex::Ptr<PacketAccess> hold(this);
   inBatch_ = true;
-  socket_->receiveBatch([this](const ReceivedFrame& frame) { deliver(frame); }, kFramesPerTurn);
+  const std::size_t read =
+      socket_->receiveBatch([this](const ReceivedFrame& frame) { deliver(frame); }, kFramesPerTurn);
   inBatch_ = false;
+  fullTurn(read == kFramesPerTurn);
   if (pams_.empty()) close();
+}
+
+void PacketAccess::fullTurn(bool full) {
+  const bool before = fullTurns_ == kFloodTurns;
+  fullTurns_ = full ? std::min(fullTurns_ + 1, kFloodTurns) : 0;
+  const bool flood = fullTurns_ == kFloodTurns;
+  if (flood != before && floodListener_ != nullptr) floodListener_->floodIs(flood);
 }
 
 void PacketAccess::deliver(const ReceivedFrame& frame) {

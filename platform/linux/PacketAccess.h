@@ -50,6 +50,17 @@ class PacketAccess final : public Vex::VFPtrInterface,
     virtual void accessDel(const Portus::IntfId& intfId) = 0;
   };
 
+  // Full turns in a row that make a flood.
+  static constexpr std::size_t kFloodTurns = 64;
+
+  // Whoever wants to know that frames come faster than they are read.
+  class FloodListener {
+   public:
+    virtual ~FloodListener() = default;
+    // True after kFloodTurns full turns in a row, false when the queue has been read to its end.
+    virtual void floodIs(bool flood) = 0;
+  };
+
   // `guardSource`: deliver only frames that carry the address given to sourceIs().
   PacketAccess(Vex::ActivityManager& manager, bool guardSource);
   ~PacketAccess() override;
@@ -66,6 +77,8 @@ class PacketAccess final : public Vex::VFPtrInterface,
 
   // Must outlive its use; null: nobody.
   void lossListenerIs(LossListener* listener) noexcept { lossListener_ = listener; }
+
+  void floodListenerIs(FloodListener* listener) noexcept { floodListener_ = listener; }
 
   // Whether the link can carry frames now. A link of which nothing was said is taken to.
   void carrierIs(int ifindex, bool carrier);
@@ -88,6 +101,7 @@ class PacketAccess final : public Vex::VFPtrInterface,
   void close() noexcept;
   void guard();
   void onReadable() override;
+  void fullTurn(bool full);
   void deliver(const ReceivedFrame& frame);
   void send(const Portus::IntfId& intfId, int ifindex, const Vex::Ptr<Portus::Pkt>& pkt);
   void flush();
@@ -112,7 +126,9 @@ class PacketAccess final : public Vex::VFPtrInterface,
   std::vector<OutgoingFrame> outgoing_;  // of waiting_, while it is sent
   std::unordered_set<int> withoutCarrier_;
   LossListener* lossListener_ = nullptr;
-  bool inBatch_ = false;  // the socket is being read and must not close
+  FloodListener* floodListener_ = nullptr;
+  std::size_t fullTurns_ = 0;  // in a row, up to kFloodTurns
+  bool inBatch_ = false;       // the socket is being read and must not close
   int deliveringTo_ = 0;
   const Portus::Pkt* delivering_ = nullptr;
 };

@@ -100,11 +100,19 @@ bool possible(ErrdisableAction action, const LinkInfo& link) {
   return action != Action::bridgePort || isBridgePort(link);
 }
 
-std::error_code actionIs(LinkActions& actions, int ifindex, ErrdisableAction action, bool& ours) {
+std::error_code actionIs(LinkActions& actions, const LinkInfo& link, ErrdisableAction action,
+                         bool& ours) {
   if (action == Action::monitor || action == Action::automatic) return {};
-  const auto before = actions.read(ifindex);
-  // protodown keeps a list of who wants it, so that it can be joined; the others have one owner.
-  if (before && stands(action, *before) && action != Action::protoDown) return {};
+  const int ifindex = link.ifindex;
+  // Each system call of this thread may be made to work off a part of the storm, which takes
+  // hundreds of microseconds. So the kernel is asked first only where the answer protects
+  // somebody's word: the administrative state is the operator's, and he may have shut the port a
+  // moment ago. protodown keeps a list of who wants it, so that it can be joined.
+  const bool askFirst = action == Action::adminDown || stands(action, link);
+  if (askFirst && action != Action::protoDown) {
+    const auto before = actions.read(ifindex);
+    if (before && stands(action, *before)) return {};
+  }
   if (const std::error_code error = request(actions, ifindex, action)) return error;
   ours = true;
   const auto after = actions.read(ifindex);

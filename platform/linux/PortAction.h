@@ -67,11 +67,12 @@ bool stands(ErrdisableAction action, const LinkInfo& link);
 // Whether the link can be taken out of service in this way at all.
 bool possible(ErrdisableAction action, const LinkInfo& link);
 
-// Makes the action and reads it back. `ours` becomes true as soon as the kernel has taken a request
-// for it, and is left alone when the port is out of service in this way already. Errors: those of
-// the kernel; "not verified" when the kernel took the request and the state is another all the
-// same.
-std::error_code actionIs(LinkActions& actions, int ifindex, ErrdisableAction action, bool& ours);
+// Makes the action and reads it back. `link` is what is known of the link so far. `ours` becomes
+// true as soon as the kernel has taken a request for it, and is left alone when the port is out of
+// service in this way already. Errors: those of the kernel; "not verified" when the kernel took the
+// request and the state is another all the same.
+std::error_code actionIs(LinkActions& actions, const LinkInfo& link, ErrdisableAction action,
+                         bool& ours);
 
 // Undoes an action that is ours. That others hold the link down as well, that the port has left its
 // bridge, or that its link is down and the kernel will let it forward when it comes, is no error;

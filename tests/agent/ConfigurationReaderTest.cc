@@ -121,6 +121,19 @@ TEST(ConfigurationReader, TheStateFileIsAPathFromTheRootOrNone) {
   EXPECT_NE(errorsOf("state-file = '/" + std::string(5000, 'x') + "'"), "ok");
 }
 
+TEST(ConfigurationReader, TheSchedulingIsOneOfThreeWords) {
+  EXPECT_EQ(parsed("").scheduling, Scheduling::automatic);
+  EXPECT_EQ(parsed("scheduling = 'auto'").scheduling, Scheduling::automatic);
+  EXPECT_EQ(parsed("scheduling = 'realtime'").scheduling, Scheduling::realtime);
+  EXPECT_EQ(parsed("scheduling = 'normal'").scheduling, Scheduling::normal);
+  EXPECT_EQ(errorsOf("scheduling = 'fifo'"),
+            "f.toml:1: scheduling: \"fifo\" is no scheduling; allowed: \"auto\", \"realtime\", "
+            "\"normal\"\n");
+  EXPECT_EQ(errorsOf("scheduling = true"),
+            "f.toml:1: scheduling: found boolean true; wanted: a string, one of \"auto\", "
+            "\"realtime\", \"normal\"\n");
+}
+
 TEST(ConfigurationReader, TheNativeVlanIsOneUnlessGiven) {
   const Configuration sut = parsed("[ports]\nbridge = \"br0\"\n");
   ASSERT_TRUE(sut.ports.has_value());
@@ -241,19 +254,20 @@ TEST(ConfigurationReader, ASectionHasToBeATableAndAKeyMustNotBeOne) {
 }
 
 TEST(ConfigurationReader, AnUnknownKeyIsAnErrorThatListsTheKnownOnes) {
-  EXPECT_EQ(
-      errorsOf("frequency = 3"),
-      "f.toml:1: frequency: unknown key; allowed: enabled, vlans, exclude, "
-      "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n");
+  EXPECT_EQ(errorsOf("frequency = 3"),
+            "f.toml:1: frequency: unknown key; allowed: enabled, vlans, exclude, "
+            "transmit-interval, disabled-time, rate-limit, state-file, scheduling, ports, "
+            "errdisable, packet\n");
   EXPECT_EQ(errorsOf("[errdisable]\nreason = ''"),
             "f.toml:2: errdisable.reason: unknown key; allowed in [errdisable]: action\n");
-  EXPECT_EQ(
-      errorsOf("\n[limits]\nx = 1"),
-      "f.toml:2: limits: unknown key; allowed: enabled, vlans, exclude, "
-      "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n");
+  EXPECT_EQ(errorsOf("\n[limits]\nx = 1"),
+            "f.toml:2: limits: unknown key; allowed: enabled, vlans, exclude, "
+            "transmit-interval, disabled-time, rate-limit, state-file, scheduling, ports, "
+            "errdisable, packet\n");
   EXPECT_EQ(errorsOf("\"a b\\n\" = 1\n[packet]\n\"\" = 2"),
             "f.toml:1: \"a b\\u000A\": unknown key; allowed: enabled, vlans, exclude, "
-            "transmit-interval, disabled-time, rate-limit, state-file, ports, errdisable, packet\n"
+            "transmit-interval, disabled-time, rate-limit, state-file, scheduling, ports, "
+            "errdisable, packet\n"
             "f.toml:3: packet.\"\": unknown key; allowed in [packet]: accept-foreign-source, "
             "source-address\n");
 }
@@ -261,8 +275,7 @@ TEST(ConfigurationReader, AnUnknownKeyIsAnErrorThatListsTheKnownOnes) {
 TEST(ConfigurationReader, AnUnknownKeyNearAKnownOneSuggestsIt) {
   const std::string allowed =
       "allowed: enabled, vlans, exclude, transmit-interval, disabled-time, rate-limit, state-file, "
-      "ports, "
-      "errdisable, packet\n";
+      "scheduling, ports, errdisable, packet\n";
   EXPECT_EQ(errorsOf("vlan = ''"), "f.toml:1: vlan: unknown key; did you mean vlans? " + allowed);
   EXPECT_EQ(errorsOf("Transmit_Interval = 1"),
             "f.toml:1: Transmit_Interval: unknown key; did you mean transmit-interval? " + allowed);
@@ -276,7 +289,7 @@ TEST(ConfigurationReader, AKeyInTheWrongSectionSuggestsTheRightOne) {
   EXPECT_EQ(errorsOf("native-vlan = 1"),
             "f.toml:1: native-vlan: unknown key; did you mean ports.native-vlan? "
             "allowed: enabled, vlans, exclude, transmit-interval, disabled-time, rate-limit, "
-            "state-file, ports, errdisable, packet\n");
+            "state-file, scheduling, ports, errdisable, packet\n");
   EXPECT_EQ(errorsOf("[errdisable]\nrate-limit = 1"),
             "f.toml:2: errdisable.rate-limit: unknown key; did you mean rate-limit, before the "
             "first section? allowed in [errdisable]: action\n");
@@ -551,6 +564,7 @@ TEST(ConfigurationText, IsAFileWithEveryKey) {
             "disabled-time = 3600\n"
             "rate-limit = 50\n"
             "state-file = \"/run/ringward/held.json\"\n"
+            "scheduling = \"auto\"\n"
             "\n"
             "[ports]\n"
             "match = [ \"eth*\", \"swp*\" ]\n"
@@ -611,6 +625,7 @@ TEST(ConfigurationText, ReadsBackToAnEqualConfiguration) {
       original.sourceAddress.fixed = Portus::EthAddr(static_cast<std::uint8_t>(random() & 0xFEU), 1,
                                                      2, 3, 4, static_cast<std::uint8_t>(random()));
     }
+    original.scheduling = static_cast<Scheduling>(random() % 3);
     if (flip()) original.stateFile = flip() ? "" : "/" + randomNames(random, 1, false)[0];
 
     const std::string text = toText(original);

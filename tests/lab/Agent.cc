@@ -33,7 +33,8 @@ std::string AgentConfig::toToml() const {
   return "enabled = true\nvlans = \"" + vlans + "\"\nexclude = " + quotedList(exclude) +
          "\ntransmit-interval = " + std::to_string(transmitInterval) +
          "\ndisabled-time = " + std::to_string(disabledTime) +
-         "\nrate-limit = " + std::to_string(rateLimit) + "\n[ports]\n" +
+         "\nrate-limit = " + std::to_string(rateLimit) + "\nscheduling = \"" + scheduling +
+         "\"\n[ports]\n" +
          (match.empty() ? "bridge = \"" + bridge + "\"" : "match = " + quotedList(match)) +
          "\nnative-vlan = " + std::to_string(nativeVlan) + "\n[errdisable]\naction = \"" + action +
          "\"\n[packet]\naccept-foreign-source = " + (acceptForeignSource ? "true" : "false") + "\n";

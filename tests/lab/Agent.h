@@ -25,6 +25,7 @@ struct AgentConfig {
   int nativeVlan = 1;
   std::string action = "auto";
   bool acceptForeignSource = false;
+  std::string scheduling = "auto";
 
   std::string toToml() const;
 };

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 
+#include "tests/lab/PacketTap.h"
+
 namespace RingwardLab {
 
 LinkWatch::LinkWatch(const Lab& lab, const std::string& host) : stop_(eventfd(0, EFD_CLOEXEC)) {
@@ -61,6 +63,7 @@ void LinkWatch::note(const LinkMessage& message, bool initial) {
 }
 
 void LinkWatch::run() {
+  runFirst();
   for (;;) {
     pollfd pollers[2] = {{stop_, POLLIN, 0}, {socket_->fd(), POLLIN, 0}};
     if (poll(pollers, 2, -1) < 0) {
@@ -84,17 +87,36 @@ std::vector<LinkWatch::Change> LinkWatch::changes() const {
 std::optional<LinkWatch::Change> LinkWatch::waitChange(const std::string& port, bool down,
                                                        Milliseconds limit,
                                                        Clock::time_point after) const {
+  return waitChange(port.empty() ? std::set<std::string>{} : std::set<std::string>{port}, down,
+                    limit, after);
+}
+
+std::optional<LinkWatch::Change> LinkWatch::waitChange(const std::set<std::string>& ports,
+                                                       bool down, Milliseconds limit,
+                                                       Clock::time_point after) const {
   std::unique_lock lock(mutex_);
   std::optional<Change> result;
   changed_.wait_until(lock, Clock::now() + limit, [&] {
     const auto found = std::find_if(changes_.begin(), changes_.end(), [&](const Change& change) {
-      return change.at > after && change.down == down && (port.empty() || change.port == port);
+      return change.at > after && change.down == down &&
+             (ports.empty() || ports.contains(change.port));
     });
     if (found != changes_.end()) {
       result = *found;
     }
     return result.has_value();
   });
+  return result;
+}
+
+std::set<std::string> LinkWatch::ports() const {
+  const std::lock_guard lock(mutex_);
+  std::set<std::string> result;
+  for (const auto& [index, link] : links_) {
+    if (!link.isBridge && link.name != "lo") {
+      result.insert(link.name);
+    }
+  }
   return result;
 }
 

@@ -43,6 +43,11 @@ class LinkWatch {
   // `port` stands for any.
   std::optional<Change> waitChange(const std::string& port, bool down, Milliseconds limit,
                                    Clock::time_point after = {}) const;
+  // The same for the first change on any of these ports; none given stands for all.
+  std::optional<Change> waitChange(const std::set<std::string>& ports, bool down,
+                                   Milliseconds limit, Clock::time_point after = {}) const;
+  // The ports that there are.
+  std::set<std::string> ports() const;
   // Ports that have gone down since the watch began, and how many were down at the worst moment.
   std::set<std::string> everDown() const;
   std::size_t mostDownAtOnce() const;

@@ -14,6 +14,10 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
 #include <system_error>
 
 namespace RingwardLab {
@@ -208,6 +212,28 @@ std::chrono::nanoseconds Process::cpuTime() const {
                             "reading the processor time of a program");
   }
   return std::chrono::seconds(used.tv_sec) + std::chrono::nanoseconds(used.tv_nsec);
+}
+
+std::size_t Process::descriptors() const {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid_) + "/fd");
+  return static_cast<std::size_t>(
+      std::distance(std::filesystem::begin(all), std::filesystem::end(all)));
+}
+
+bool Process::realtime() const {
+  const int policy = sched_getscheduler(pid_) & ~SCHED_RESET_ON_FORK;
+  return policy == SCHED_RR || policy == SCHED_FIFO;
+}
+
+std::size_t Process::ownKiB() const {
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  for (std::string word; status >> word;) {
+    std::size_t size = 0;
+    if (word == "RssAnon:" && status >> size) {
+      return size;
+    }
+  }
+  throw std::runtime_error("the system does not tell the memory of a program");
 }
 
 }  // namespace RingwardLab

@@ -56,6 +56,11 @@ class Process {
   std::string end(int signal, Milliseconds limit);
   // Time on the processor so far. REQUIRES: the program runs.
   std::chrono::nanoseconds cpuTime() const;
+  // Open descriptors; whether the program is a real-time process at this moment; and memory that is
+  // the program's own and in use, KiB. REQUIRES: the program runs.
+  std::size_t descriptors() const;
+  bool realtime() const;
+  std::size_t ownKiB() const;
 
  private:
   void run();

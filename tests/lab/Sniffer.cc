@@ -2,7 +2,6 @@
 #include "tests/lab/Sniffer.h"
 
 #include <arpa/inet.h>
-#include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -25,30 +24,6 @@ constexpr std::uint16_t kProbeType = 0x88B7;
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::system_error(errno, std::generic_category(), what);
-}
-
-// Accepts the probes' ether type at the place where it stands without and with a tag in the data.
-void filterProbes(int fd) {
-  sock_filter program[] = {
-      {BPF_LD | BPF_H | BPF_ABS, 0, 0, 12}, {BPF_JMP | BPF_JEQ | BPF_K, 2, 0, kProbeType},
-      {BPF_LD | BPF_H | BPF_ABS, 0, 0, 16}, {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, kProbeType},
-      {BPF_RET | BPF_K, 0, 0, 0xFFFF},      {BPF_RET | BPF_K, 0, 0, 0},
-  };
-  const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-  if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) < 0) {
-    fail("attaching a filter");
-  }
-}
-
-std::chrono::nanoseconds span(const timespec& time) {
-  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-}
-
-// The kernel stamps frames with the wall clock; the lab reckons with the steady one.
-Clock::time_point steady(const timespec& stamp) {
-  timespec wall{};
-  clock_gettime(CLOCK_REALTIME, &wall);
-  return Clock::now() - (span(wall) - span(stamp));
 }
 
 sockaddr_ll address(int index, std::uint16_t protocol) {
@@ -75,31 +50,10 @@ void putTagBack(Bytes& bytes, const tpacket_auxdata& aux) {
 }  // namespace
 
 Sniffer::Sniffer(const Lab& lab, const std::string& host, const std::string& port, Keep keep)
-    : lab_(lab), host_(host), stop_(eventfd(0, EFD_CLOEXEC)) {
-  const int index = port.empty() ? 0 : lab.link(host, port).index;
-  lab.inHost(host, [&] {
-    // Protocol 0 hears nothing: the filter is in place before the first frame can come.
-    fd_ = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) {
-      fail("opening a packet socket");
-    }
-    const int one = 1;
-    const int room = 16 << 20;
-    if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) < 0) {
-      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-    }
-    if (setsockopt(fd_, SOL_SOCKET, SO_TIMESTAMPNS, &one, sizeof one) < 0 ||
-        setsockopt(fd_, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one) < 0) {
-      fail("preparing a packet socket");
-    }
-    if (keep == Keep::kProbes) {
-      filterProbes(fd_);
-    }
-    const sockaddr_ll where = address(index, ETH_P_ALL);
-    if (bind(fd_, reinterpret_cast<const sockaddr*>(&where), sizeof where) < 0) {
-      fail("listening on " + (port.empty() ? std::string("all ports") : port));
-    }
-  });
+    : lab_(lab),
+      host_(host),
+      fd_(openTap(lab, host, port, keep, 16 << 20)),
+      stop_(eventfd(0, EFD_CLOEXEC)) {
   thread_ = std::thread([this] { run(); });
 }
 
@@ -154,7 +108,7 @@ void Sniffer::readOne() {
     return;  // A port that went down says ENETDOWN once; the socket goes on.
   }
   Frame frame;
-  frame.at = Clock::now();
+  frame.at = stampOf(message).value_or(Clock::now());
   frame.port = portName(from.sll_ifindex);
   frame.outgoing = from.sll_pkttype == PACKET_OUTGOING;
   frame.bytes.assign(data.begin(), data.begin() + size);
@@ -166,10 +120,6 @@ void Sniffer::readOne() {
       if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0 && size >= 12) {
         putTagBack(frame.bytes, aux);
       }
-    } else if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_TIMESTAMPNS) {
-      timespec stamp{};
-      std::memcpy(&stamp, CMSG_DATA(part), sizeof stamp);
-      frame.at = steady(stamp);
     }
   }
   const std::lock_guard lock(mutex_);

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "tests/lab/Lab.h"
+#include "tests/lab/PacketTap.h"
 
 namespace RingwardLab {
 
@@ -39,7 +40,7 @@ struct Frame {
 class Sniffer {
  public:
   static constexpr std::size_t kMostFrames = 200'000;
-  enum class Keep { kAll, kProbes };
+  using Keep = RingwardLab::Keep;
 
   // Listens on one port, or on all of the host's if `port` is empty. kProbes has the kernel drop
   // what does not carry the probes' ether type. Throws std::system_error.

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tests/lab/ReturnWatch.h"
+
+#include <linux/if_packet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+
+#include "tests/lab/PacketTap.h"
+
+namespace RingwardLab {
+
+ReturnWatch::ReturnWatch(const Lab& lab, const std::string& host,
+                         const std::vector<std::string>& ports)
+    : stop_(eventfd(0, EFD_CLOEXEC)) {
+  std::vector<Port> opened;
+  for (const std::string& port : ports) {
+    const int fd = openTap(lab, host, port, Keep::kProbes, 4096);
+    const int one = 1;
+    setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
+    opened.push_back({port, fd});
+  }
+  thread_ = std::thread([this, opened = std::move(opened)]() mutable { run(std::move(opened)); });
+}
+
+ReturnWatch::~ReturnWatch() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = write(stop_, &one, sizeof one);
+  thread_.join();
+  close(stop_);
+}
+
+void ReturnWatch::run(std::vector<Port> ports) {
+  runFirst();
+  std::vector<pollfd> pollers;
+  for (bool stopped = false; !stopped;) {
+    pollers.assign(1, {stop_, POLLIN, 0});
+    for (const Port& port : ports) {
+      pollers.push_back({port.fd, POLLIN, 0});
+    }
+    poll(pollers.data(), pollers.size(), -1);
+    stopped = (pollers[0].revents & POLLIN) != 0;
+    std::erase_if(ports, [&](const Port& port) {
+      alignas(cmsghdr) std::array<char, 256> control;
+      std::array<char, 64> data;
+      iovec vector{data.data(), data.size()};
+      msghdr message{};
+      sockaddr_ll from{};
+      message.msg_name = &from;
+      message.msg_namelen = sizeof from;
+      message.msg_iov = &vector;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = control.size();
+      if (recvmsg(port.fd, &message, MSG_DONTWAIT) < 0 || from.sll_pkttype == PACKET_OUTGOING) {
+        return false;
+      }
+      close(port.fd);
+      const std::lock_guard lock(mutex_);
+      first_[port.name] = stampOf(message).value_or(Clock::now());
+      seen_.notify_all();
+      return true;
+    });
+  }
+  for (const Port& port : ports) {
+    close(port.fd);
+  }
+}
+
+std::optional<Clock::time_point> ReturnWatch::first(const std::set<std::string>& ports,
+                                                    Milliseconds limit) const {
+  std::unique_lock lock(mutex_);
+  std::optional<Clock::time_point> earliest;
+  seen_.wait_until(lock, Clock::now() + limit, [&] {
+    for (const auto& [port, at] : first_) {
+      if (ports.contains(port) && (!earliest || at < *earliest)) {
+        earliest = at;
+      }
+    }
+    return earliest.has_value();
+  });
+  return earliest;
+}
+
+}  // namespace RingwardLab
