@@ -32,7 +32,7 @@ constexpr std::size_t kPorts = 64;
 // What one turn may handle at most. Not PacketAccess::kFramesPerTurn: a slice that grows fails.
 constexpr std::size_t kSlice = 256;
 constexpr std::uint8_t kOperUp = 6;  // IF_OPER_UP, RFC 2863
-constexpr double kPatience = 20;     // seconds, for what takes milliseconds
+constexpr double kPatience = 5;      // seconds, for what takes less than one
 constexpr Portus::EthAddr kOurs(0x02, 0x00, 0x5E, 0xA0, 0x00, 0x01);
 
 // What the engine attaches: probes without a tag and with one.
@@ -248,10 +248,11 @@ class Storm {
     mostInATurn = std::max(mostInATurn, handled);
     return handled;
   }
-  // Runs until as many frames are accounted for as were sent.
-  void turnUntilAllOf(std::uint64_t sent) {
+  // Runs until as many frames are accounted for as were sent; false: some have vanished.
+  bool turnUntilAllOf(std::uint64_t sent) {
     const double deadline = manager.clock()->now() + kPatience;
     while (accounted() < sent && manager.clock()->now() < deadline) turn();
+    return accounted() == sent;
   }
 
   std::uint64_t received() const { return received_; }
@@ -294,8 +295,8 @@ class Storm {
 // overrun it. Returns how many the kernel took.
 std::uint64_t fillBuffer(Storm& storm, Sender& sender) {
   std::uint64_t sent = 0;
-  for (int round = 0; round < 4000 && storm.dropped() == 0; ++round) sent += sender.send();
-  EXPECT_GT(storm.dropped(), 0U) << "after " << sent << " frames";
+  for (int round = 0; round < 4000 && storm.dropped() < 1000; ++round) sent += sender.send();
+  EXPECT_GE(storm.dropped(), 1000U) << "after " << sent << " frames";
   return sent;
 }
 
@@ -369,10 +370,10 @@ TEST(StormLab, EveryFrameIsDeliveredOrCountedAndNothingIsLostAfterTheFlood) {
     const std::uint64_t handled = sut.received();
     EXPECT_GE(handled, kFrames);
     sent += flood.stop();
-    sut.turnUntilAllOf(sent);
+    static_cast<void>(sut.turnUntilAllOf(sent));
     const std::uint64_t dropped = sut.dropped();
     const std::uint64_t lost = lostOnTheWire();
-    EXPECT_EQ(sut.received() + dropped + lost, sent);
+    ASSERT_EQ(sut.received() + dropped + lost, sent);
     EXPECT_EQ(sut.received(), sut.access->statistics().received);
     EXPECT_GT(dropped, 0U) << "nothing to count";
     EXPECT_EQ(sut.access->statistics().foreign, 0U);
@@ -391,7 +392,7 @@ TEST(StormLab, EveryFrameIsDeliveredOrCountedAndNothingIsLostAfterTheFlood) {
     for (std::uint64_t round = 0; round < kRounds; ++round) {
       ASSERT_EQ(sender.send(), kPorts);
       sent += kPorts;
-      sut.turnUntilAllOf(sent);
+      ASSERT_TRUE(sut.turnUntilAllOf(sent));
     }
     for (std::size_t port = 0; port < kPorts; ++port) {
       EXPECT_EQ(sut.receivedOn(port) - before[port], kRounds) << portName(port);
