@@ -164,7 +164,9 @@ void firstRead(benchmark::State& state) {
     state.ResumeTiming();
     const std::error_code error = monitor->start();
     state.PauseTiming();
-    if (error || directory->directory->ports() != kLinks) state.SkipWithError("not all ports");
+    if (error || directory->directory->ports() != kLinks) {
+      return state.SkipWithError("not all ports");
+    }
     monitor.reset();
     directory.reset();
     state.ResumeTiming();
