@@ -154,10 +154,12 @@ const LinkInfo* LinkTable::link(int ifindex) const {
 
 void LinkTable::dumpBegin(std::uint8_t family) {
   (family == AF_BRIDGE ? seenPorts_ : seenLinks_).clear();
+  sweptTo_ = 0;
 }
 
 std::optional<LinkTable::Change> LinkTable::unseenDel(std::uint8_t family) {
-  for (auto it = links_.begin(); it != links_.end(); ++it) {
+  for (auto it = links_.upper_bound(sweptTo_); it != links_.end(); ++it) {
+    sweptTo_ = it->first;
     if (family == AF_BRIDGE) {
       if (hasBridgePortData(it->second) && !seenPorts_.contains(it->first)) {
         // The master is for the other family to tell, and it has just been dumped.
@@ -169,6 +171,7 @@ std::optional<LinkTable::Change> LinkTable::unseenDel(std::uint8_t family) {
       return linkIs(it, std::nullopt);
     }
   }
+  sweptTo_ = 0;
   return std::nullopt;
 }
 

@@ -81,7 +81,7 @@ class LinkTable {
 
   // After a whole dump of the family, called until it gives empty: each call takes out one link
   // that nothing named since dumpBegin (AF_UNSPEC), or drops the bridge port data of one
-  // (AF_BRIDGE).
+  // (AF_BRIDGE). All of these calls together cost one walk of the table.
   std::optional<Change> unseenDel(std::uint8_t family);
 
  private:
@@ -91,6 +91,7 @@ class LinkTable {
   std::map<int, LinkInfo> links_;
   std::set<int> seenLinks_;
   std::set<int> seenPorts_;
+  int sweptTo_ = 0;  // unseenDel() is done with the links up to this index
 };
 
 }  // namespace Platform::Linux

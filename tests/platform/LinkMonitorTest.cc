@@ -269,6 +269,40 @@ TEST(LinkTable, LinksThatADumpDoesNotNameAreTakenOutOneByOne) {
   EXPECT_EQ(sut.links().size(), 3U);
 }
 
+TEST(LinkTable, ADumpThatBeginsInTheMiddleOfASweepIsSweptFromTheBeginning) {
+  LinkTable sut;
+  const auto namedAllBut = [&sut](int unnamed) {
+    sut.dumpBegin(AF_UNSPEC);
+    for (int ifindex = 1; ifindex <= 4; ++ifindex) {
+      if (ifindex != unnamed) sut.messageIs(newLink(ifindex, "e"));
+    }
+  };
+  namedAllBut(0);
+  EXPECT_FALSE(sut.unseenDel(AF_UNSPEC));
+  namedAllBut(3);
+  ASSERT_TRUE(sut.unseenDel(AF_UNSPEC));
+  namedAllBut(2);
+  const auto change = sut.unseenDel(AF_UNSPEC);
+  ASSERT_TRUE(change);
+  EXPECT_EQ(change->before->ifindex, 2);
+  EXPECT_FALSE(sut.unseenDel(AF_UNSPEC));
+  EXPECT_EQ(sut.links().size(), 3U);
+}
+
+TEST(LinkTable, SweepOfOneFamilyLeavesNothingOutOfThatOfTheOther) {
+  LinkTable sut;
+  sut.messageIs(newSlave(2, "e0", 9, BR_STATE_FORWARDING));
+  sut.messageIs(newLink(3, "e1"));
+  sut.dumpBegin(AF_UNSPEC);
+  sut.dumpBegin(AF_BRIDGE);
+  sut.messageIs(newSlave(2, "e0", 9, BR_STATE_FORWARDING));
+  ASSERT_TRUE(sut.unseenDel(AF_UNSPEC));
+  EXPECT_FALSE(sut.unseenDel(AF_UNSPEC));
+  const auto change = sut.unseenDel(AF_BRIDGE);
+  ASSERT_TRUE(change && change->now);
+  EXPECT_EQ(change->now->ifindex, 2);
+}
+
 TEST(LinkTable, LinkDeletedAndMadeAgainDuringADumpStays) {
   LinkTable sut;
   sut.messageIs(newLink(2, "e"));
