@@ -7,6 +7,7 @@
 #include <linux/if_packet.h>
 #include <sched.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -92,6 +93,30 @@ std::optional<Clock::time_point> stampOf(msghdr& message) {
     }
   }
   return std::nullopt;
+}
+
+void putTagBack(std::vector<std::uint8_t>& frame, msghdr& message) {
+  constexpr std::size_t kAddresses = 12;
+  for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
+       part = CMSG_NXTHDR(&message, part)) {
+    if (part->cmsg_level != SOL_PACKET || part->cmsg_type != PACKET_AUXDATA) {
+      continue;
+    }
+    tpacket_auxdata aux{};
+    std::memcpy(&aux, CMSG_DATA(part), sizeof aux);
+    if ((aux.tp_status & TP_STATUS_VLAN_VALID) == 0 || frame.size() < kAddresses) {
+      return;
+    }
+    const std::uint16_t type =
+        (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? aux.tp_vlan_tpid : ETH_P_8021Q;
+    std::array<std::uint8_t, 4> tag{};
+    for (std::size_t i = 0; i < 2; ++i) {
+      tag[i] = static_cast<std::uint8_t>(type >> (8 - 8 * i));
+      tag[2 + i] = static_cast<std::uint8_t>(aux.tp_vlan_tci >> (8 - 8 * i));
+    }
+    frame.insert(frame.begin() + kAddresses, tag.begin(), tag.end());
+    return;
+  }
 }
 
 void runFirst() {

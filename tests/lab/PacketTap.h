@@ -5,8 +5,10 @@
 
 #include <sys/socket.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tests/lab/Lab.h"
 
@@ -21,6 +23,9 @@ int openTap(const Lab& lab, const std::string& host, const std::string& port, Ke
 
 // When the kernel met the frame of this message; nothing if the message does not say.
 std::optional<Clock::time_point> stampOf(msghdr& message);
+
+// Puts the tag that the kernel has taken out of a frame back to its place.
+void putTagBack(std::vector<std::uint8_t>& frame, msghdr& message);
 
 // Has the calling thread run before everything that waits for the processor in the ordinary way:
 // what is measured is the agent and not the one who measures. Without the right to it nothing

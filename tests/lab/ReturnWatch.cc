@@ -57,10 +57,14 @@ void ReturnWatch::run(std::vector<Port> ports) {
       if (recvmsg(port.fd, &message, MSG_DONTWAIT) < 0 || from.sll_pkttype == PACKET_OUTGOING) {
         return false;
       }
-      close(port.fd);
       const std::lock_guard lock(mutex_);
-      first_[port.name] = stampOf(message).value_or(Clock::now());
-      seen_.notify_all();
+      auto& times = seen_[port.name];
+      times.push_back(stampOf(message).value_or(Clock::now()));
+      changed_.notify_all();
+      if (times.size() < kMostFrames) {
+        return false;
+      }
+      close(port.fd);
       return true;
     });
   }
@@ -70,13 +74,16 @@ void ReturnWatch::run(std::vector<Port> ports) {
 }
 
 std::optional<Clock::time_point> ReturnWatch::first(const std::set<std::string>& ports,
-                                                    Milliseconds limit) const {
+                                                    Milliseconds limit,
+                                                    Clock::time_point after) const {
   std::unique_lock lock(mutex_);
   std::optional<Clock::time_point> earliest;
-  seen_.wait_until(lock, Clock::now() + limit, [&] {
-    for (const auto& [port, at] : first_) {
-      if (ports.contains(port) && (!earliest || at < *earliest)) {
-        earliest = at;
+  changed_.wait_until(lock, Clock::now() + limit, [&] {
+    for (const auto& [port, times] : seen_) {
+      for (const auto at : times) {
+        if (ports.contains(port) && at > after && (!earliest || at < *earliest)) {
+          earliest = at;
+        }
       }
     }
     return earliest.has_value();

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// ReturnWatch: the moment at which the first probe comes in on each port of a host, by the kernel's
-// time stamps. It has a socket for each port and closes it with its first frame, so that the storm
-// which follows costs nothing: what is watched here is how fast somebody else reacts.
+// ReturnWatch: the moments at which the first probes come in on each port of a host, by the
+// kernel's time stamps. It has a socket for each port and closes it after kMostFrames, so that the
+// storm which follows costs next to nothing: what is watched here is how fast somebody else reacts.
 //
 // For one thread; reading is done by a thread of its own.
 #pragma once
@@ -22,15 +22,18 @@ namespace RingwardLab {
 
 class ReturnWatch {
  public:
+  static constexpr std::size_t kMostFrames = 32;
+
   // Watches from now on. Throws std::system_error.
   ReturnWatch(const Lab& lab, const std::string& host, const std::vector<std::string>& ports);
   ~ReturnWatch();
   ReturnWatch(const ReturnWatch&) = delete;
   ReturnWatch& operator=(const ReturnWatch&) = delete;
 
-  // The earliest on any of the ports, as soon as there is one; nothing at the time limit.
-  std::optional<Clock::time_point> first(const std::set<std::string>& ports,
-                                         Milliseconds limit) const;
+  // The earliest after `after` on any of the ports, as soon as there is one; nothing at the time
+  // limit.
+  std::optional<Clock::time_point> first(const std::set<std::string>& ports, Milliseconds limit,
+                                         Clock::time_point after) const;
 
  private:
   struct Port {
@@ -41,8 +44,8 @@ class ReturnWatch {
 
   int stop_ = -1;
   mutable std::mutex mutex_;
-  mutable std::condition_variable seen_;
-  std::map<std::string, Clock::time_point> first_;
+  mutable std::condition_variable changed_;
+  std::map<std::string, std::vector<Clock::time_point>> seen_;
   std::thread thread_;
 };
 

@@ -39,14 +39,6 @@ void append16(Bytes& bytes, std::uint16_t value) {
   bytes.push_back(static_cast<std::uint8_t>(value & 0xFF));
 }
 
-void putTagBack(Bytes& bytes, const tpacket_auxdata& aux) {
-  Bytes tag;
-  append16(tag, (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? aux.tp_vlan_tpid
-                                                                 : std::uint16_t{ETH_P_8021Q});
-  append16(tag, aux.tp_vlan_tci);
-  bytes.insert(bytes.begin() + 12, tag.begin(), tag.end());
-}
-
 }  // namespace
 
 Sniffer::Sniffer(const Lab& lab, const std::string& host, const std::string& port, Keep keep)
@@ -112,16 +104,7 @@ void Sniffer::readOne() {
   frame.port = portName(from.sll_ifindex);
   frame.outgoing = from.sll_pkttype == PACKET_OUTGOING;
   frame.bytes.assign(data.begin(), data.begin() + size);
-  for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
-       part = CMSG_NXTHDR(&message, part)) {
-    if (part->cmsg_level == SOL_PACKET && part->cmsg_type == PACKET_AUXDATA) {
-      tpacket_auxdata aux{};
-      std::memcpy(&aux, CMSG_DATA(part), sizeof aux);
-      if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0 && size >= 12) {
-        putTagBack(frame.bytes, aux);
-      }
-    }
-  }
+  putTagBack(frame.bytes, message);
   const std::lock_guard lock(mutex_);
   ++total_;
   if (frames_.size() < kMostFrames) {

@@ -41,15 +41,27 @@ class Vigil {
   void expectCuts(const std::vector<LoopPorts>& loops, Milliseconds limit = seconds(4));
   // Waits until no port is down any more. The ports have to have been down for `held`.
   void expectBack(Milliseconds held);
+  // Waits until the agent has said so often, since the beginning, that a port is back: for ports
+  // that cannot be seen from outside to be.
+  void expectRecoveries(std::size_t count);
+  // Waits until the agent says that it holds this many ports.
+  void expectHeld(int count, Milliseconds limit);
+  // Of the ports that were there at the start, only these were ever down.
+  void expectNoOtherDown(const Ports& ports) const;
+  // The last cut that expectCuts() has seen.
+  Clock::time_point cutAt() const { return cutAt_; }
   // The agent is alive, has grown in no way, and ends cleanly.
   void end();
 
  private:
   std::uint64_t innocentFrames() const;
+  // Without those that came later.
+  Ports onlyOriginal(Ports ports) const;
 
   Lab& lab_;
   const std::string name_;
-  std::vector<std::string> ports_;
+  std::vector<std::string> ports_;  // in service at the start
+  std::size_t statusAsked_ = 0;
   LinkWatch watch_;
   std::unique_ptr<Agent> agent_;
   std::size_t descriptors_ = 0;
