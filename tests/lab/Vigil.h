@@ -38,7 +38,9 @@ class Vigil {
   void arm();
   // Waits until each of the loops is cut, and checks that it is cut at one end and nothing else is
   // down. Needs arm() before each.
-  void expectCuts(const std::vector<LoopPorts>& loops, Milliseconds limit = seconds(4));
+  enum class Ends { kOne, kOneOrBoth };
+  void expectCuts(const std::vector<LoopPorts>& loops, Milliseconds limit = seconds(4),
+                  Ends ends = Ends::kOne);
   // Waits until no port is down any more. The ports have to have been down for `held`.
   void expectBack(Milliseconds held);
   // Waits until the agent has said so often, since the beginning, that a port is back: for ports
