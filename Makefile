@@ -12,7 +12,8 @@ help:
 	@echo 'make check      optimised build and all tests, those on network namespaces included'
 	@echo 'make check-all  32-bit and sanitizer builds with their tests, layering, headers, format,'
 	@echo '                clang-tidy, benchmarks as tests, short fuzz runs (FUZZ_SECONDS=$(FUZZ_SECONDS) each)'
-	@echo 'make lab        only the tests on real network namespaces'
+	@echo 'make lab        only the tests on real network namespaces, and with them the long ones and those'
+	@echo '                with Open vSwitch; LAB_REPEAT=20 repeats the scenarios and sums their figures up'
 	@echo 'make bench      build and run the benchmarks'
 	@echo 'make format     format every source file in place'
 	@echo 'make clean      remove build/'
@@ -25,15 +26,15 @@ demo:
 
 check:
 	@scripts/setup check
-	@scripts/run-tests release -LE bench
+	@scripts/run-tests release -LE 'bench|lab-long'
 
 check-all:
 	@scripts/setup check-all
 	@scripts/check-all
 
 lab:
-	@scripts/setup check
-	@scripts/run-tests release -L lab
+	@scripts/setup lab
+	@scripts/run-lab
 
 bench:
 	@scripts/setup bench

@@ -279,6 +279,36 @@ TEST(AgentLab, HeldBridgePortThatSomebodySetsToForwardIsDisabledAgainAtOnce) {
   });
 }
 
+TEST(AgentLab, RealtimeProcessGivesWayWhileAFloodLasts) {
+  agentScenario([](Lab& lab) {
+    newRing(lab);
+    AgentConfig config;
+    config.action = "monitor";  // so that the storm stays
+    config.scheduling = "realtime";
+    Agent agent(lab, "sw1", config);
+    if (agent.waitText("no real-time scheduling", Milliseconds(0))) {
+      skipLab("this user may not have real-time processes");
+      return;
+    }
+    EXPECT_TRUE(agent.process().realtime());
+    ASSERT_TRUE(agent.waitEvent(Kind::kLoop, seconds(3))) << agent.process().output();
+    const auto becomes = [&](bool realtime) {
+      const auto deadline = Clock::now() + seconds(3);
+      while (agent.process().realtime() != realtime && Clock::now() < deadline) {
+        lab.frameRate("sw1", "eth1", Milliseconds(10));
+      }
+      return agent.process().realtime() == realtime;
+    };
+    EXPECT_TRUE(becomes(false)) << "others need the processor too";
+    lab.ip("foreign", "link set f2 nomaster");
+    EXPECT_TRUE(becomes(true)) << "the next loop is to be cut at once";
+    config.scheduling = "normal";
+    agent.reload(config);
+    EXPECT_TRUE(becomes(false)) << agent.process().output();
+    expectCleanEnd(agent);
+  });
+}
+
 TEST(AgentLab, InterfaceWhoseDriverKnowsItLosesItsCarrierInsteadOfItsAdminState) {
   agentScenario([](Lab& lab) {
     lab.newHost("sw1");
