@@ -14,6 +14,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -23,9 +24,12 @@ namespace Fuzz {
 
 using Bytes = std::span<const std::uint8_t>;
 
-// A broken rule ends the process, which the fuzzer reports with the input that led to it.
-inline void require(bool holds) {
-  if (!holds) std::abort();
+// A broken rule ends the process, which the fuzzer reports with the input that led to it. The place
+// is the caller's; Clang 14 has no std::source_location.
+inline void require(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  if (holds) return;
+  std::fprintf(stderr, "%s:%d: a rule is broken\n", file, line);
+  std::abort();
 }
 
 class Input {

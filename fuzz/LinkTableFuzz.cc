@@ -37,7 +37,7 @@ class Judge {
       require(message.family == AF_BRIDGE || !change);
     } else if (isNew) {
       require(exists == (existed || message.name.has_value()));
-      if (message.name) require(copy_.at(message.ifindex).name == *message.name);
+      if (message.name) requireDescribed(message, change);
     } else {
       require(!exists);
     }
@@ -84,6 +84,28 @@ class Judge {
     require(copy_ == table_.links());
     for (const auto& [index, link] : copy_) {
       require(index > 0 && index == link.ifindex && !link.name.empty());
+    }
+  }
+
+  // The link is what a message of its own family says, and of a new master nothing older is known.
+  void requireDescribed(const LinkMessage& message, const Change& change) const {
+    const LinkInfo& link = copy_.at(message.ifindex);
+    require(link.name == *message.name && link.alias == message.alias.value_or(""));
+    require(link.flags == message.flags && link.arpType == message.arpType);
+    require(link.adminUp() == ((message.flags & 1) != 0));
+    require(link.carrier == message.carrier.value_or((message.flags & 0x10000) != 0));
+    require(link.address == message.address.value_or(Portus::EthAddr()));
+    require(!message.mtu || link.mtu == *message.mtu);
+    require(!message.operState || link.operState == *message.operState);
+    require(link.master == message.master.value_or(0));
+    require(link.kind == message.kind.value_or(""));
+    require(link.slaveKind == message.slaveKind.value_or(""));
+    require(link.vlanFiltering == message.vlanFiltering && link.protoDown == message.protoDown);
+    require(link.protoDownReasons == message.protoDownReasons.value_or(0));
+    require(link.master != 0 || !link.bridgePortState);
+    if (change && change->before && change->before->master != link.master) {
+      require(!link.vlans &&
+              (link.master == 0 || link.bridgePortState == message.slaveBridgePortState));
     }
   }
 
