@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Link messages: one that is well-formed is read as what it means, and any bytes are read or
-// refused, the same wherever they lie in memory and whatever stands behind them.
+// Link messages: one that is well-formed is read as what it means, one with an impossible value is
+// refused, and any bytes are read or refused, the same wherever they lie in memory and whatever
+// stands behind them.
 //
-// The input: one byte for the form (0, a well-formed message; 1, one with broken lengths; 2, the
+// The input: one byte for the form (0, a whole message; 1, one with broken lengths; 2, the
 // rest of the input as it is), then decisions or bytes.
 #include <cstdint>
 #include <tuple>
@@ -76,7 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     readEverywhere(made.bytes());
     return 0;
   }
-  const bool exists = made.meaning().ifindex > 0;
-  require(same(readEverywhere(made.bytes()), exists ? Read(made.meaning()) : Read()));
+  require(same(readEverywhere(made.bytes()), made.wellFormed() ? Read(made.meaning()) : Read()));
   return 0;
 }

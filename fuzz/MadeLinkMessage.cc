@@ -57,6 +57,7 @@ MadeLinkMessage::MadeLinkMessage(Input& input) {
                    (state / 4 % 8 == 7 ? unsigned{IFF_LOOPBACK} : 0U);
   meaning_.arpType = state / 32 == 7 ? ARPHRD_LOOPBACK : ARPHRD_ETHER;
   meaning_.changeMask = state;
+  wellFormed_ = meaning_.ifindex > 0;
 
   put32(0);  // the length, known at the end
   put16(meaning_.type == Type::kNew ? RTM_NEWLINK : RTM_DELLINK);
@@ -189,7 +190,24 @@ void MadeLinkMessage::vlansIs(Input& input) {
   const std::size_t list = nestBegin(IFLA_AF_SPEC, form / 16 % 2 != 0);
   for (std::size_t i = 0; i < count; ++i) {
     const std::uint8_t how = input.byte();
-    const unsigned first = input.number<std::uint16_t>() % 4094U + 1;
+    if (how / 8 == 31) {
+      struct Impossible {
+        unsigned flags;
+        unsigned vlan;
+      };
+      constexpr std::array<Impossible, 5> kImpossible{
+          {{0, 0},
+           {0, 4095},
+           {BRIDGE_VLAN_INFO_RANGE_END, 10},
+           {BRIDGE_VLAN_INFO_RANGE_BEGIN | BRIDGE_VLAN_INFO_RANGE_END, 10},
+           {BRIDGE_VLAN_INFO_RANGE_BEGIN | BRIDGE_VLAN_INFO_PVID, 10}}};
+      const Impossible& impossible = kImpossible[how % kImpossible.size()];
+      entry(impossible.flags, impossible.vlan);
+      wellFormed_ = wellFormed_ && meaning_.family != AF_BRIDGE;
+      continue;
+    }
+    // The last VLAN more often than chance has it.
+    const unsigned first = (how & 8) != 0 ? 4094U : input.number<std::uint16_t>() % 4094U + 1;
     unsigned last = first;
     const unsigned untagged = (how & 1) != 0 ? BRIDGE_VLAN_INFO_UNTAGGED : 0U;
     if ((how & 2) != 0) {
@@ -207,10 +225,11 @@ void MadeLinkMessage::vlansIs(Input& input) {
     }
   }
   nestEnd(list);
-  if (count != 0 && meaning_.family == AF_BRIDGE) meaning_.vlans = vlans;
+  if (vlans.members.any() && meaning_.family == AF_BRIDGE) meaning_.vlans = vlans;
 }
 
 void MadeLinkMessage::breakLengths(Input& input) {
+  wellFormed_ = false;
   constexpr std::array<std::uint16_t, 8> kValues{0, 1, 3, 4, 5, 0x7FFF, 0x8000, 0xFFFF};
   const std::size_t count = input.below(4) + 1;
   for (std::size_t i = 0; i < count; ++i) {

@@ -7,7 +7,8 @@
 // The bytes are laid out by hand: the code under test uses libmnl, so that is not asked here.
 //
 // One thread. Invariants:
-//   1. The bytes are well-formed until breakLengths() is called.
+//   1. While wellFormed() holds, the bytes are a message that must be read as `meaning`. Before
+//      breakLengths() is called, a message for which it does not hold must be refused.
 //   2. Each known attribute stands in it once at most, so that `meaning` is the whole of it.
 #pragma once
 
@@ -27,7 +28,9 @@ class MadeLinkMessage {
   const std::vector<std::uint8_t>& bytes() const noexcept { return bytes_; }
   const Platform::Linux::LinkMessage& meaning() const noexcept { return meaning_; }
 
-  // Overwrites a few 16-bit numbers, lengths and types mostly. `meaning` is void from here on.
+  bool wellFormed() const noexcept { return wellFormed_; }
+
+  // Overwrites a few 16-bit numbers, lengths and types mostly. What it is then is not known.
   void breakLengths(Input& input);
 
  private:
@@ -48,6 +51,7 @@ class MadeLinkMessage {
 
   std::vector<std::uint8_t> bytes_;
   Platform::Linux::LinkMessage meaning_;
+  bool wellFormed_ = false;
 };
 
 }  // namespace Fuzz
