@@ -2,7 +2,7 @@
 #
 # Front door of the build. The rules themselves are in CMakeLists.txt and scripts/.
 
-FUZZ_SECONDS ?= 10
+FUZZ_SECONDS ?= 60
 export FUZZ_SECONDS
 
 .PHONY: help demo check check-all lab bench format clean

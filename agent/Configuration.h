@@ -12,7 +12,8 @@
 //     empty), never both.
 //  3. Every interface name satisfies isInterfaceName(), every pattern PortMatch::isPattern(); all
 //     are UTF-8, and no list holds the same text twice.
-//  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255; stateFile is empty or begins with '/'.
+//  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255; stateFile is empty or the absolute
+//     path of a file, without a '/' at its end.
 //  5. A fixed source address is a unicast address and not zero.
 #pragma once
 

@@ -63,6 +63,14 @@ std::string bootId() {
   return text.substr(0, text.find('\n'));
 }
 
+// A value for an error. What a list or an object holds does not stand there: printing it would take
+// as much stack as the file nests, and the file is not ours to bound.
+std::string shown(const Json& value) {
+  if (value.is_array()) return "a list";
+  if (value.is_object()) return "an object";
+  return plainText(value.dump());
+}
+
 // The value of a key, or why it is not what it should be.
 template <typename Value, typename Valid>
 bool take(const Json& object, const char* key, const char* wanted, Valid valid, Value& out,
@@ -80,14 +88,14 @@ bool take(const Json& object, const char* key, const char* wanted, Valid valid, 
       if (valid(out)) return true;
     }
   }
-  error = std::string(key) + ": " + (at != object.end() ? plainText(at->dump()) : "missing") +
+  error = std::string(key) + ": " + (at != object.end() ? shown(*at) : "missing") +
           "; wanted: " + wanted;
   return false;
 }
 
 bool takePort(const Json& entry, HeldPort& port, std::string& error) {
   if (!entry.is_object()) {
-    error = "held: " + plainText(entry.dump()) + "; wanted: a list of objects";
+    error = "held: " + shown(entry) + "; wanted: a list of objects";
     return false;
   }
   const auto time = [](double value) { return std::isfinite(value) && value >= 0; };

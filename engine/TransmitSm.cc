@@ -21,6 +21,20 @@ constexpr double kWindow = 1.0;  // seconds
 constexpr std::size_t kMostSpareLevels = 64;
 }  // namespace
 
+enum class TransmitSm::At : std::uint8_t {
+  begin,     // of the handler
+  highDone,  // regular only: the call of the high handler has returned
+  loop,      // the head of the loop
+  dequeued   // the level below, opened by a dequeue, has returned
+};
+
+struct TransmitSm::Level {
+  bool regular;
+  bool notified;  // opened by a notification, which also catches what it raises
+  At at = At::begin;
+  std::optional<TransmitStatus::Dequeue> taken;
+};
+
 TransmitSm::TransmitSm(const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
                        const Vex::Ptr<Config::TransmitConfig const>& transmitConfig,
                        const Vex::Ptr<TransmitStatus>& transmitStatus,
@@ -42,20 +56,6 @@ TransmitSm::TransmitSm(const Vex::Ptr<Helm::TimerWheel const>& timerWheel,
       globalSm_(globalSm) {}
 
 TransmitSm::~TransmitSm() { vexTeardown(); }
-
-enum class TransmitSm::At : std::uint8_t {
-  begin,     // of the handler
-  highDone,  // regular only: the call of the high handler has returned
-  loop,      // the head of the loop
-  dequeued   // the level below, opened by a dequeue, has returned
-};
-
-struct TransmitSm::Level {
-  bool regular;
-  bool notified;  // opened by a notification, which also catches what it raises
-  At at = At::begin;
-  std::optional<TransmitStatus::Dequeue> taken;
-};
 
 // One run of a handler with all the levels that its dequeues open. A level is what one call of
 // handleHighPriority() or handleRegularPriority() would be.

@@ -174,10 +174,11 @@ std::error_code LinkControl::request(nlmsghdr& header, const Answer& answer) {
     const auto end = static_cast<std::size_t>(length);
     while (begin < end) {
       const auto& message = *reinterpret_cast<const nlmsghdr*>(buffer_.data() + begin);
-      if (!mnl_nlmsg_ok(&message, static_cast<int>(end - begin))) {
+      const std::size_t size = netlinkMessageSize({buffer_.data() + begin, end - begin});
+      if (size == 0) {
         break;
       }
-      begin += netlinkAligned(message.nlmsg_len);
+      begin += netlinkAligned(size);
       if (message.nlmsg_seq != sequence_ || message.nlmsg_pid != portId_) {
         continue;
       }

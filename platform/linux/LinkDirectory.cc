@@ -83,14 +83,15 @@ bool LinkDirectory::isPort(const LinkInfo& link) const {
 }
 
 void LinkDirectory::linkIs(const LinkInfo& now, const LinkInfo* before) {
-  if (!selection_.bridge.empty()) {
-    if (now.name == selection_.bridge) {
-      handleBridge(&now);
-    } else if (bridge_ && bridge_->ifindex == now.ifindex) {
-      handleBridge(nullptr);  // the bridge has another name now
-    }
+  const bool isBridge = !selection_.bridge.empty() && now.name == selection_.bridge;
+  const bool wasBridge = bridge_ && bridge_->ifindex == now.ifindex;
+  if (isBridge) {
+    handleBridge(&now);
+  } else if (wasBridge) {
+    handleBridge(nullptr);  // the bridge has another name now
   }
-  if (before != nullptr && before->name != now.name) {
+  const bool isRenamed = before != nullptr && before->name != now.name;
+  if (isRenamed) {
     if (const auto known = byIndex_.find(now.ifindex); known != byIndex_.end()) {
       intfDel(Portus::IntfId(known->second));
     }
@@ -99,30 +100,57 @@ void LinkDirectory::linkIs(const LinkInfo& now, const LinkInfo* before) {
     others_.erase(now.ifindex);
     intfIs(now);
   } else {
-    if (const auto known = byIndex_.find(now.ifindex); known != byIndex_.end()) {
-      intfDel(Portus::IntfId(known->second));
-    }
+    const auto known = byIndex_.find(now.ifindex);
+    const bool wasInterface = known != byIndex_.end();
+    if (wasInterface) intfDel(Portus::IntfId(known->second));
     others_[now.ifindex] = now;
+    if (wasInterface) handleNameFree(now.name);
   }
+  if (isRenamed) handleNameFree(before->name);
+  if (wasBridge && !isBridge) handleBridgeNameFree();
   handleSourceAddress();
 }
 
 void LinkDirectory::linkDel(const LinkInfo& last) {
-  if (bridge_ && bridge_->ifindex == last.ifindex) handleBridge(nullptr);
+  const bool wasBridge = bridge_ && bridge_->ifindex == last.ifindex;
+  if (wasBridge) handleBridge(nullptr);
   if (const auto known = byIndex_.find(last.ifindex); known != byIndex_.end()) {
     intfDel(Portus::IntfId(known->second));
   }
   others_.erase(last.ifindex);
   access_->linkDel(last.ifindex);
+  handleNameFree(last.name);
+  if (wasBridge) handleBridgeNameFree();
   handleSourceAddress();
+}
+
+void LinkDirectory::handleNameFree(const std::string& name) {
+  for (const auto& [ifindex, link] : others_) {
+    if (link.name != name || !isInterface(link)) continue;
+    const auto id = intfIdOf(name);
+    if (!id || intfs_.contains(*id)) return;
+    const LinkInfo waiting = link;
+    others_.erase(ifindex);
+    intfIs(waiting);
+    return;
+  }
+}
+
+void LinkDirectory::handleBridgeNameFree() {
+  if (const auto other = linkNamed(selection_.bridge)) handleBridge(&*other);
 }
 
 void LinkDirectory::intfIs(const LinkInfo& link) {
   const auto id = intfIdOf(link.name);
-  if (!id) return;
+  if (!id) {
+    others_[link.ifindex] = link;
+    return;
+  }
   auto at = intfs_.find(*id);
   if (at != intfs_.end() && at->second.link.ifindex != link.ifindex) {
-    // The name has moved to another link before the old one was heard of.
+    // The name has moved to another link before the old one was heard of, which may have it again
+    // when it is heard of: what happens between is lost when messages are.
+    others_[at->second.link.ifindex] = at->second.link;
     intfDel(*id);
     at = intfs_.end();
   }

@@ -14,7 +14,9 @@
 //  1. What a port needs is there before its membership says that it is one, and what says that the
 //     operator wants an interface goes first when the interface goes.
 //  2. Each change of a link makes each entity change at most once.
-//  3. adminEnabled is the operator's intent: what Errdisable does to a link does not show in it.
+//  3. Of two links under one name, as there are for a moment when messages were lost, the one that
+//     was heard of last has it, and the other as soon as that one has gone or has another name.
+//  4. adminEnabled is the operator's intent: what Errdisable does to a link does not show in it.
 #pragma once
 
 #include <functional>
@@ -103,6 +105,9 @@ class LinkDirectory final : public LinkMonitor::Listener, public Errdisable::Lin
   void portIs(const Portus::IntfId& intfId, const LinkInfo& link);
   // It is none, or no longer.
   void portDel(const Portus::IntfId& intfId, int ifindex);
+  // A link that had the name has it no more: another may have waited for it (invariant 3).
+  void handleNameFree(const std::string& name);
+  void handleBridgeNameFree();
   // The bridge itself has come, gone or changed.
   void handleBridge(const LinkInfo* bridge);
   void handleSourceAddress();
@@ -114,7 +119,7 @@ class LinkDirectory final : public LinkMonitor::Listener, public Errdisable::Lin
   Errdisable* errdisable_ = nullptr;
   std::map<Portus::IntfId, Intf> intfs_;
   std::unordered_map<int, Portus::IntfId> byIndex_;
-  std::map<int, LinkInfo> others_;  // links that are no interfaces, by kernel index
+  std::map<int, LinkInfo> others_;  // links that are no interfaces now, by kernel index
   std::optional<LinkInfo> bridge_;
   std::map<int, Portus::IntfId> ports_;  // by kernel index
 };

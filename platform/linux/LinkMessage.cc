@@ -238,21 +238,26 @@ bool readAttribute(std::uint16_t type, Bytes data, LinkMessage& message) {
 
 }  // namespace
 
+// Not mnl_nlmsg_ok(), which takes the length for a signed number: one of 2^31 and more fits in
+// every buffer there.
+std::size_t netlinkMessageSize(Bytes bytes) {
+  nlmsghdr header{};
+  const bool whole =
+      read(bytes, header) && header.nlmsg_len >= sizeof(header) && header.nlmsg_len <= bytes.size();
+  return whole ? header.nlmsg_len : 0;
+}
+
 std::optional<LinkMessage> parseLinkMessage(Bytes bytes) {
   if (reinterpret_cast<std::uintptr_t>(bytes.data()) % MNL_ALIGNTO != 0) {
     const std::vector<std::uint8_t> aligned(bytes.begin(), bytes.end());
     return parseLinkMessage(aligned);
   }
-  constexpr std::size_t kLongest = std::numeric_limits<int>::max() / 2;
-  if (bytes.size() > kLongest) {
-    bytes = bytes.first(kLongest);
-  }
+  const std::size_t size = netlinkMessageSize(bytes);
   const auto* header = reinterpret_cast<const nlmsghdr*>(bytes.data());
-  if (!mnl_nlmsg_ok(header, static_cast<int>(bytes.size())) ||
-      (header->nlmsg_type != RTM_NEWLINK && header->nlmsg_type != RTM_DELLINK)) {
+  if (size == 0 || (header->nlmsg_type != RTM_NEWLINK && header->nlmsg_type != RTM_DELLINK)) {
     return std::nullopt;
   }
-  Bytes body = bytes.first(header->nlmsg_len).subspan(netlinkAligned(sizeof(nlmsghdr)));
+  Bytes body = bytes.first(size).subspan(netlinkAligned(sizeof(nlmsghdr)));
   ifinfomsg info{};
   if (!read(body, info) || info.ifi_index <= 0) {
     return std::nullopt;

@@ -69,6 +69,9 @@ struct LinkMessage {
 // conversions in C++.
 constexpr std::size_t netlinkAligned(std::size_t length) { return (length + 3) & ~std::size_t{3}; }
 
+// The length of the netlink message that `bytes` starts with, its header included; 0: no whole one.
+std::size_t netlinkMessageSize(std::span<const std::uint8_t> bytes);
+
 // `message` starts at the netlink header and may be longer than it says. Empty: not a link message,
 // or malformed. A span that is not aligned to four bytes costs a copy.
 std::optional<LinkMessage> parseLinkMessage(std::span<const std::uint8_t> message);

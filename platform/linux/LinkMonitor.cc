@@ -221,13 +221,14 @@ LinkMonitor::Read LinkMonitor::receive() {
 void LinkMonitor::handleNext() {
   const std::span<const std::uint8_t> rest(buffer_.data() + begin_, end_ - begin_);
   const auto& header = *reinterpret_cast<const nlmsghdr*>(rest.data());
-  if (!mnl_nlmsg_ok(&header, static_cast<int>(rest.size()))) {
+  const std::size_t size = netlinkMessageSize(rest);
+  if (size == 0) {
     begin_ = end_;
     ++statistics_.malformed;
     dumpFailed(std::make_error_code(std::errc::bad_message));
     return;
   }
-  begin_ = std::min(end_, begin_ + netlinkAligned(header.nlmsg_len));
+  begin_ = std::min(end_, begin_ + netlinkAligned(size));
   const bool dumping = phase_ == Phase::kDumpLinks || phase_ == Phase::kDumpPorts;
   if (dumping && header.nlmsg_seq == sequence_ && header.nlmsg_pid == portId_) {
     handleDump(header);
@@ -235,7 +236,7 @@ void LinkMonitor::handleNext() {
   if (header.nlmsg_type != RTM_NEWLINK && header.nlmsg_type != RTM_DELLINK) {
     return;
   }
-  if (const auto message = parseLinkMessage(rest.first(header.nlmsg_len))) {
+  if (const auto message = parseLinkMessage(rest.first(size))) {
     ++statistics_.messages;
     tell(table_.messageIs(*message));
   } else {

@@ -127,5 +127,20 @@ TEST(HeldPorts, AnythingElseIsAnErrorThatNamesWhatIsWrong) {
   EXPECT_EQ(errorOf(std::string(100000, '[')), "not a JSON object");
 }
 
+// As deep as a file may be: nothing may recurse with it.
+TEST(HeldPorts, ListsInListsWhereAValueIsWantedAreAnErrorHoweverDeep) {
+  constexpr std::size_t kDepth = kMaxHeldFileSize / 2 - 100;
+  const std::string deep = std::string(kDepth, '[') + std::string(kDepth, ']');
+  const auto errorOf = [](const std::string& text) {
+    std::string error;
+    EXPECT_TRUE(parseHeldPorts(text, "b", error).empty());
+    return error;
+  };
+  EXPECT_EQ(errorOf(R"({"version": )" + deep + "}"), "version: a list; wanted: 1");
+  EXPECT_EQ(errorOf(R"({"version": {"a": 1}})"), "version: an object; wanted: 1");
+  EXPECT_EQ(errorOf(R"({"version": 1, "boot": "b", "held": [)" + deep + "]}"),
+            "held: a list; wanted: a list of objects");
+}
+
 }  // namespace
 }  // namespace Agent

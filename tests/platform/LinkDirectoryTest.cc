@@ -147,6 +147,50 @@ TEST_F(LinkDirectoryTest, ANameThatMovesToAnotherLinkIsANewInterface) {
   EXPECT_TRUE(entities.allIntfStatusDir->intfStatus(eth1));
 }
 
+TEST_F(LinkDirectoryTest, ALinkWhoseNameWasGivenAwayHasItAgainWhenTheOtherGivesItUp) {
+  // What a listener hears when eth1 becomes tmp and eth1 again and the messages of that are lost.
+  makeForBridge();
+  tell(bridgeLink(3, "br0"));
+  tell(bridgePort(7, "eth1", 3));
+  tell(bridgePort(8, "eth1", 3));
+  tell(bridgePort(8, "eth2", 3));
+  ASSERT_TRUE(sut->link(eth1));
+  EXPECT_EQ(sut->link(eth1)->ifindex, 7);
+  tell(bridgePort(8, "eth1", 3));
+  tellGone(8);
+  ASSERT_TRUE(sut->link(eth1));
+  EXPECT_EQ(sut->link(eth1)->ifindex, 7);
+  EXPECT_EQ(sut->ports(), 1U);
+  tell(bridgePort(8, "eth1", 3));
+  LinkInfo loopback = ethernetLink(8, "eth1");
+  loopback.arpType = ARPHRD_LOOPBACK;  // no interface any more
+  tell(loopback);
+  ASSERT_TRUE(sut->link(eth1));
+  EXPECT_EQ(sut->link(eth1)->ifindex, 7);
+}
+
+TEST_F(LinkDirectoryTest, ABridgeWhoseNameWasGivenAwayHasItAgainWhenTheOtherGivesItUp) {
+  makeForBridge();
+  tell(bridgeLink(3, "br0"));
+  tell(bridgePort(7, "eth1", 3));
+  tell(bridgeLink(4, "br0"));
+  EXPECT_EQ(sut->ports(), 0U);
+  tell(bridgeLink(4, "br1"));
+  EXPECT_EQ(sut->ports(), 1U);
+  tell(bridgeLink(4, "br0"));
+  tellGone(4);
+  EXPECT_EQ(sut->ports(), 1U);
+}
+
+TEST_F(LinkDirectoryTest, ABridgeUnderANameWithoutAnIdentifierIsFoundByALaterSelection) {
+  const std::string name = "b\xC3\xBC";
+  make(PortSelection{.bridge = {}, .match = {}, .vlans = {}});
+  tell(ethernetLink(3, name));  // a switch of another kind: only its name says what it is
+  tell(bridgePort(7, "eth1", 3));
+  sut->selectionIs(PortSelection{.bridge = name, .match = {}, .vlans = {}});
+  EXPECT_EQ(sut->ports(), 1U);
+}
+
 TEST_F(LinkDirectoryTest, AVanishedInterfaceLosesItsIntentFirst) {
   // What follows from the end of packet access must find that nobody wants the interface any more.
   class Order final : public Interface::AllIntfStatusLocalDir::NotifieeConst {

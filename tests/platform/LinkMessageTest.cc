@@ -318,6 +318,22 @@ TEST(LinkMessage, MessageCutOffAtAnyLengthIsRefused) {
   }
 }
 
+TEST(LinkMessage, MessageThatClaimsMoreThanThereIsIsRefused) {
+  const Bytes whole = Builder(RTM_NEWLINK).bytes();
+  for (const std::size_t size : {sizeof(nlmsghdr), whole.size()}) {
+    Bytes bytes(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
+    const auto real = static_cast<std::uint32_t>(size);
+    // From 2^31 on a length is negative as a signed number.
+    for (const std::uint32_t claim : {real + 1, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU}) {
+      std::memcpy(bytes.data(), &claim, sizeof(claim));
+      EXPECT_EQ(netlinkMessageSize(bytes), 0U) << claim;
+      EXPECT_FALSE(parse(bytes)) << claim;
+    }
+    std::memcpy(bytes.data(), &real, sizeof(real));
+    EXPECT_EQ(netlinkMessageSize(bytes), size);
+  }
+}
+
 // The header agrees with the cut: what remains is a message only where an attribute ends.
 TEST(LinkMessage, MessageThatEndsInsideAnAttributeIsRefused) {
   for (const Bytes& whole : {fullMessage().bytes(), portMessage().bytes()}) {
