@@ -46,6 +46,8 @@ class Contest {
 
   // Closes the loop, sends a broadcast frame now and then as hosts do, and counts for `window`.
   void run(const char* name, Milliseconds window) {
+    // A loop comes at any time, and not just when an agent's first probes leave.
+    lab_.frameRate("innocent", "i0", Milliseconds(1500));
     const auto before = frames();
     const auto closed = Clock::now();
     close();
@@ -135,8 +137,6 @@ class Contest {
       AgentConfig config;
       config.disabledTime = 600;
       agent_ = std::make_unique<Agent>(lab_, "sw1", config);
-      // A loop comes at any time, and not just when the first probes of all leave.
-      lab_.frameRate("innocent", "i0", Milliseconds(1500));
     }
   }
 
