@@ -33,7 +33,7 @@ namespace Agent {
 
 class SelfCheck final : private Vex::DeferredTask {
  public:
-  static constexpr std::uint32_t kVlansPerTurn = 64;
+  static constexpr std::uint32_t kVlansPerTurn = 8;
 
   struct Counts {
     std::uint64_t rounds = 0;

@@ -154,6 +154,35 @@ TEST_F(ErrdisableTest, APortThatWasOutOfServiceBeforeIsNotPutBack) {
   EXPECT_EQ(kernel.requests, Texts{});
 }
 
+// Each question costs a system call, in which the kernel may work off a part of the storm.
+TEST_F(ErrdisableTest, ABridgePortIsCutBeforeTheKernelIsAsked) {
+  kernel.links[7] = bridgePort(7, "eth1", 3);
+  make(ErrdisableAction::automatic);
+  cause->intfStatusIs(eth1, 1.0);
+  EXPECT_EQ(kernel.requests, Texts{"state 0 7"});
+  EXPECT_EQ(kernel.readsBefore, 0U);
+  EXPECT_EQ(kernel.reads, 1U) << "verified";
+}
+
+TEST_F(ErrdisableTest, APortThatTheOperatorHasShutAMomentAgoIsNotOurs) {
+  kernel.links[7] = ethernetLink(7, "eth1");
+  kernel.told = kernel.links[7];
+  kernel.links[7].flags = 0;  // the message is still on its way
+  make(ErrdisableAction::adminDown);
+  cause->intfStatusIs(eth1, 1.0);
+  cause->intfStatusDel(eth1);
+  EXPECT_EQ(kernel.requests, Texts{}) << "it stays shut";
+}
+
+TEST_F(ErrdisableTest, APortThatOnlySeemsToBeOutOfServiceIsCut) {
+  kernel.links[7] = bridgePort(7, "eth1", 3);
+  kernel.told = kernel.links[7];
+  kernel.told->bridgePortState = std::uint8_t{0};  // before its carrier came
+  make(ErrdisableAction::bridgePort);
+  cause->intfStatusIs(eth1, 1.0);
+  EXPECT_EQ(kernel.requests, Texts{"state 0 7"});
+}
+
 TEST_F(ErrdisableTest, AnInterfaceThatIsNotHeldIsNeverRaised) {
   kernel.links[7] = bridgePort(7, "eth1", 3);
   kernel.portError = kernel.adminError = std::make_error_code(std::errc::operation_not_permitted);

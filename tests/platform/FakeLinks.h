@@ -67,11 +67,14 @@ class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
     return {};
   }
   std::optional<LinkInfo> read(int ifindex) override {
+    if (requests.empty()) ++readsBefore;
     ++reads;
     const auto at = links.find(ifindex);
     return at != links.end() ? std::optional(at->second) : std::nullopt;
   }
+  // What the messages have told: `told` where a message is still on its way, else what is so.
   const LinkInfo* link(const Portus::IntfId& intfId) const override {
+    if (told && told->name == intfId.name()) return &*told;
     for (const auto& [ifindex, link] : links) {
       if (link.name == intfId.name()) return &link;
     }
@@ -79,12 +82,14 @@ class FakeKernel final : public LinkActions, public Errdisable::LinkResolver {
   }
 
   std::map<int, LinkInfo> links;
+  std::optional<LinkInfo> told;
   std::vector<std::string> requests;
   std::error_code adminError;
   std::error_code portError;
   std::error_code protoError{EOPNOTSUPP, std::system_category()};  // as most drivers say
   bool takesRequestsOnly = false;                                  // and does nothing about them
   unsigned reads = 0;
+  unsigned readsBefore = 0;  // of these, before the first request
 };
 
 }  // namespace Platform::Linux
