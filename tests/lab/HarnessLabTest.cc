@@ -476,6 +476,7 @@ exclude = ["eth7", "eth8"]
 transmit-interval = 1
 disabled-time = 3
 rate-limit = 1000
+scheduling = "auto"
 [ports]
 bridge = "br0"
 native-vlan = 1

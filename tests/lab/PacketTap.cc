@@ -49,6 +49,21 @@ Clock::time_point steady(const timespec& stamp) {
   return Clock::now() - (span(wall) - span(stamp));
 }
 
+void putTagBack(std::vector<std::uint8_t>& frame, const tpacket_auxdata& aux) {
+  constexpr std::size_t kAddresses = 12;
+  if ((aux.tp_status & TP_STATUS_VLAN_VALID) == 0 || frame.size() < kAddresses) {
+    return;
+  }
+  const std::uint16_t type =
+      (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? aux.tp_vlan_tpid : ETH_P_8021Q;
+  std::array<std::uint8_t, 4> tag{};
+  for (std::size_t i = 0; i < 2; ++i) {
+    tag[i] = static_cast<std::uint8_t>(type >> (8 - 8 * i));
+    tag[2 + i] = static_cast<std::uint8_t>(aux.tp_vlan_tci >> (8 - 8 * i));
+  }
+  frame.insert(frame.begin() + kAddresses, tag.begin(), tag.end());
+}
+
 }  // namespace
 
 int openTap(const Lab& lab, const std::string& host, const std::string& port, Keep keep,
@@ -83,40 +98,36 @@ int openTap(const Lab& lab, const std::string& host, const std::string& port, Ke
   return fd;
 }
 
-std::optional<Clock::time_point> stampOf(msghdr& message) {
+bool TapReader::read(int fd) {
+  std::array<std::uint8_t, 4096> data;
+  alignas(cmsghdr) std::array<char, 256> control;
+  iovec vector{data.data(), data.size()};
+  msghdr message{};
+  message.msg_name = &from_;
+  message.msg_namelen = sizeof from_;
+  message.msg_iov = &vector;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  const ssize_t size = recvmsg(fd, &message, MSG_DONTWAIT);
+  if (size < 0) {
+    return false;
+  }
+  at_ = Clock::now();
+  bytes_.assign(data.begin(), data.begin() + size);
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
        part = CMSG_NXTHDR(&message, part)) {
-    if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_TIMESTAMPNS) {
+    if (part->cmsg_level == SOL_PACKET && part->cmsg_type == PACKET_AUXDATA) {
+      tpacket_auxdata aux{};
+      std::memcpy(&aux, CMSG_DATA(part), sizeof aux);
+      putTagBack(bytes_, aux);
+    } else if (part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_TIMESTAMPNS) {
       timespec stamp{};
       std::memcpy(&stamp, CMSG_DATA(part), sizeof stamp);
-      return steady(stamp);
+      at_ = steady(stamp);
     }
   }
-  return std::nullopt;
-}
-
-void putTagBack(std::vector<std::uint8_t>& frame, msghdr& message) {
-  constexpr std::size_t kAddresses = 12;
-  for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
-       part = CMSG_NXTHDR(&message, part)) {
-    if (part->cmsg_level != SOL_PACKET || part->cmsg_type != PACKET_AUXDATA) {
-      continue;
-    }
-    tpacket_auxdata aux{};
-    std::memcpy(&aux, CMSG_DATA(part), sizeof aux);
-    if ((aux.tp_status & TP_STATUS_VLAN_VALID) == 0 || frame.size() < kAddresses) {
-      return;
-    }
-    const std::uint16_t type =
-        (aux.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0 ? aux.tp_vlan_tpid : ETH_P_8021Q;
-    std::array<std::uint8_t, 4> tag{};
-    for (std::size_t i = 0; i < 2; ++i) {
-      tag[i] = static_cast<std::uint8_t>(type >> (8 - 8 * i));
-      tag[2 + i] = static_cast<std::uint8_t>(aux.tp_vlan_tci >> (8 - 8 * i));
-    }
-    frame.insert(frame.begin() + kAddresses, tag.begin(), tag.end());
-    return;
-  }
+  return true;
 }
 
 void runFirst() {

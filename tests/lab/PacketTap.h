@@ -3,10 +3,9 @@
 // What the lab's listeners have in common: a packet socket with the kernel's time stamps.
 #pragma once
 
-#include <sys/socket.h>
+#include <linux/if_packet.h>
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,11 +20,25 @@ enum class Keep { kAll, kProbes };
 int openTap(const Lab& lab, const std::string& host, const std::string& port, Keep keep,
             int receiveBuffer);
 
-// When the kernel met the frame of this message; nothing if the message does not say.
-std::optional<Clock::time_point> stampOf(msghdr& message);
+// Reads a tap frame by frame; what it says is of the frame read last. One thread.
+class TapReader {
+ public:
+  // False if there was nothing to be read: also when a port has gone down, which a socket says
+  // once.
+  bool read(int fd);
 
-// Puts the tag that the kernel has taken out of a frame back to its place.
-void putTagBack(std::vector<std::uint8_t>& frame, msghdr& message);
+  int ifindex() const { return from_.sll_ifindex; }
+  bool outgoing() const { return from_.sll_pkttype == PACKET_OUTGOING; }
+  // When the kernel met the frame.
+  Clock::time_point at() const { return at_; }
+  // The image on the wire: a tag that the kernel had taken out is back in its place.
+  const std::vector<std::uint8_t>& bytes() const { return bytes_; }
+
+ private:
+  sockaddr_ll from_{};
+  Clock::time_point at_;
+  std::vector<std::uint8_t> bytes_;
+};
 
 // Has the calling thread run before everything that waits for the processor in the ordinary way:
 // what is measured is the agent and not the one who measures. Without the right to it nothing

@@ -1,17 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/lab/Reflector.h"
 
-#include <linux/if_packet.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
-
 #include "tests/lab/PacketTap.h"
-#include "tests/lab/Sniffer.h"
 
 namespace RingwardLab {
 
@@ -30,31 +25,21 @@ Reflector::~Reflector() {
 
 void Reflector::run() const {
   runFirst();
-  std::array<std::uint8_t, 2048> data;
+  TapReader reader;
   for (;;) {
     pollfd pollers[2] = {{stop_, POLLIN, 0}, {fd_, POLLIN, 0}};
     poll(pollers, 2, -1);
     if ((pollers[0].revents & POLLIN) != 0) {
       return;
     }
-    sockaddr_ll from{};
-    iovec vector{data.data(), data.size()};
-    alignas(cmsghdr) std::array<char, 256> control;
-    msghdr message{};
-    message.msg_name = &from;
-    message.msg_namelen = sizeof from;
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t size = recvmsg(fd_, &message, MSG_DONTWAIT);
-    if (size < 0 || from.sll_pkttype == PACKET_OUTGOING) {
+    if (!reader.read(fd_) || reader.outgoing()) {
       continue;
     }
-    Bytes frame(data.begin(), data.begin() + size);
-    putTagBack(frame, message);
-    sendto(fd_, frame.data(), frame.size(), MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&from),
-           sizeof from);
+    sockaddr_ll to{};
+    to.sll_family = AF_PACKET;
+    to.sll_ifindex = reader.ifindex();
+    sendto(fd_, reader.bytes().data(), reader.bytes().size(), MSG_DONTWAIT,
+           reinterpret_cast<const sockaddr*>(&to), sizeof to);
   }
 }
 

@@ -4,9 +4,8 @@
 #include <linux/if_packet.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
-
-#include <array>
 
 #include "tests/lab/PacketTap.h"
 
@@ -34,6 +33,7 @@ ReturnWatch::~ReturnWatch() {
 
 void ReturnWatch::run(std::vector<Port> ports) {
   runFirst();
+  TapReader reader;
   std::vector<pollfd> pollers;
   for (bool stopped = false; !stopped;) {
     pollers.assign(1, {stop_, POLLIN, 0});
@@ -43,23 +43,12 @@ void ReturnWatch::run(std::vector<Port> ports) {
     poll(pollers.data(), pollers.size(), -1);
     stopped = (pollers[0].revents & POLLIN) != 0;
     std::erase_if(ports, [&](const Port& port) {
-      alignas(cmsghdr) std::array<char, 256> control;
-      std::array<char, 64> data;
-      iovec vector{data.data(), data.size()};
-      msghdr message{};
-      sockaddr_ll from{};
-      message.msg_name = &from;
-      message.msg_namelen = sizeof from;
-      message.msg_iov = &vector;
-      message.msg_iovlen = 1;
-      message.msg_control = control.data();
-      message.msg_controllen = control.size();
-      if (recvmsg(port.fd, &message, MSG_DONTWAIT) < 0 || from.sll_pkttype == PACKET_OUTGOING) {
+      if (!reader.read(port.fd) || reader.outgoing()) {
         return false;
       }
       const std::lock_guard lock(mutex_);
       auto& times = seen_[port.name];
-      times.push_back(stampOf(message).value_or(Clock::now()));
+      times.push_back(reader.at());
       changed_.notify_all();
       if (times.size() < kMostFrames) {
         return false;

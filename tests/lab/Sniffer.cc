@@ -12,8 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <ctime>
 #include <system_error>
 
 namespace RingwardLab {
@@ -84,27 +82,10 @@ void Sniffer::run() {
 }
 
 void Sniffer::readOne() {
-  std::array<std::uint8_t, 4096> data;
-  alignas(cmsghdr) std::array<char, 256> control;
-  sockaddr_ll from{};
-  iovec vector{data.data(), data.size()};
-  msghdr message{};
-  message.msg_name = &from;
-  message.msg_namelen = sizeof from;
-  message.msg_iov = &vector;
-  message.msg_iovlen = 1;
-  message.msg_control = control.data();
-  message.msg_controllen = control.size();
-  const ssize_t size = recvmsg(fd_, &message, MSG_DONTWAIT);
-  if (size < 0) {
-    return;  // A port that went down says ENETDOWN once; the socket goes on.
+  if (!reader_.read(fd_)) {
+    return;
   }
-  Frame frame;
-  frame.at = stampOf(message).value_or(Clock::now());
-  frame.port = portName(from.sll_ifindex);
-  frame.outgoing = from.sll_pkttype == PACKET_OUTGOING;
-  frame.bytes.assign(data.begin(), data.begin() + size);
-  putTagBack(frame.bytes, message);
+  Frame frame{reader_.at(), portName(reader_.ifindex()), reader_.outgoing(), reader_.bytes()};
   const std::lock_guard lock(mutex_);
   ++total_;
   if (frames_.size() < kMostFrames) {

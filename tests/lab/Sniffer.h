@@ -69,7 +69,8 @@ class Sniffer {
   const std::string host_;
   int fd_ = -1;
   int stop_ = -1;
-  std::map<int, std::string> names_;  // For the reading thread.
+  TapReader reader_;  // For the reading thread, as the names.
+  std::map<int, std::string> names_;
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;
   std::vector<Frame> frames_;
