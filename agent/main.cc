@@ -14,10 +14,12 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "agent/Agent.h"
 #include "agent/CommandLine.h"
 #include "agent/ConfigurationReader.h"
+#include "agent/LineWriter.h"
 #include "platform/linux/Fd.h"
 #include "runtime/vex/EpollActivityManager.h"
 
@@ -62,6 +64,25 @@ class Signals final : private Vex::ReadableHandler {
   Platform::Linux::Fd fd_;
 };
 
+// What the machines log, one line for each entry.
+class LogLines final : public Vex::LogSink {
+ public:
+  explicit LogLines(Agent::LineWriter& lines) : lines_(lines) {}
+
+  void entry(const Vex::LogHandle& handle, std::string_view text) override {
+    std::string line(handle.id());
+    line += ": ";
+    line += text;
+    for (char& c : line) {
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    lines_.lineIs({static_cast<int>(handle.severity()), std::move(line)});
+  }
+
+ private:
+  Agent::LineWriter& lines_;
+};
+
 void complain(const std::string& text) { std::fprintf(stderr, "ringwardd: %s\n", text.c_str()); }
 
 void reload(const std::string& path, Agent::RingwardAgent& agent,
@@ -78,20 +99,17 @@ void reload(const std::string& path, Agent::RingwardAgent& agent,
 int run(const Agent::Configuration& configuration, const std::string& path, bool foreground) {
   Vex::EpollActivityManager manager;
   const Vex::CurrentActivityManager current(manager);
-  Vex::StandardErrorSink standardError;
-  Vex::SystemLogSink systemLog;
-  if (foreground) {
-    manager.logService().sinkIs(standardError);
-  } else {
-    manager.logService().sinkIs(systemLog);
-  }
-  const auto output = [foreground](std::string_view line) {
-    const auto length = static_cast<int>(line.size());
+  Agent::LineWriter lines([foreground](const Agent::LineWriter::Line& line) {
     if (foreground) {
-      std::fprintf(stderr, "%.*s\n", length, line.data());
+      std::fprintf(stderr, "%s\n", line.text.c_str());
     } else {
-      syslog(LOG_WARNING, "%.*s", length, line.data());
+      syslog(line.severity, "%s", line.text.c_str());
     }
+  });
+  LogLines sink(lines);
+  manager.logService().sinkIs(sink);
+  const auto output = [&lines](std::string_view line) {
+    lines.lineIs({LOG_WARNING, std::string(line)});
   };
   Signals signals(manager);
   Agent::RingwardAgent agent(manager, configuration, output);
