@@ -59,10 +59,12 @@ std::error_code ProcessScheduling::schedulingIs(Scheduling scheduling) {
   if (wanted == realtime_) return {};
   if (const std::error_code error = policyIs(wanted)) return error;
   realtime_ = wanted;
+  floodIs(flood_);  // which may have begun before
   return {};
 }
 
 void ProcessScheduling::floodIs(bool flood) {
+  flood_ = flood;
   if (realtime_) static_cast<void>(policyIs(!flood));
 }
 

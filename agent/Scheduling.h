@@ -41,6 +41,7 @@ class ProcessScheduling final : public Platform::Linux::PacketAccess::FloodListe
 
  private:
   bool realtime_ = false;
+  bool flood_ = false;
 };
 
 }  // namespace Agent

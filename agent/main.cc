@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <functional>
 #include <string>
-#include <utility>
 
 #include "agent/Agent.h"
 #include "agent/CommandLine.h"
@@ -70,13 +69,7 @@ class LogLines final : public Vex::LogSink {
   explicit LogLines(Agent::LineWriter& lines) : lines_(lines) {}
 
   void entry(const Vex::LogHandle& handle, std::string_view text) override {
-    std::string line(handle.id());
-    line += ": ";
-    line += text;
-    for (char& c : line) {
-      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-    }
-    lines_.lineIs({static_cast<int>(handle.severity()), std::move(line)});
+    lines_.lineIs({static_cast<int>(handle.severity()), Vex::toLine(handle, text)});
   }
 
  private:

@@ -194,6 +194,8 @@ void PacketAccess::pamIs(int ifindex, LinuxPam& pam) { pams_[ifindex] = &pam; }
 void PacketAccess::pamDel(int ifindex, const LinuxPam& pam) noexcept {
   const auto at = pams_.find(ifindex);
   if (at != pams_.end() && at->second == &pam) pams_.erase(at);
+  // What it has not sent yet must not be told of as lost when nobody asks for it any more.
+  std::erase_if(waiting_, [ifindex](const Waiting& entry) { return entry.ifindex == ifindex; });
   // Not from inside a batch: the socket is in use then and closes with the batch's end.
   if (pams_.empty() && !inBatch_) close();
 }

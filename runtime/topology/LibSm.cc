@@ -109,9 +109,9 @@ bool LibSm::isAdmitted(const Portus::IntfId& intfId) const {
 }
 
 const FilterIntf* LibSm::filter() const noexcept {
-  // The number crosses the interface because other features pass numbers of other kinds here.
-  return reinterpret_cast<const FilterIntf*>(  // NOLINT(performance-no-int-to-ptr)
-      static_cast<std::uintptr_t>(validIntfPtr_));
+  const auto address = static_cast<std::uintptr_t>(validIntfPtr_);
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): other features pass numbers of other kinds here
+  return reinterpret_cast<const FilterIntf*>(address);
 }
 
 }  // namespace Topology::Library

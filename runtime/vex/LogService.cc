@@ -97,14 +97,18 @@ void logEntry(const LogHandle& handle, const std::vector<std::string>& arguments
   manager.logService().log(handle, arguments, manager.clock()->now());
 }
 
-void StandardErrorSink::entry(const LogHandle& handle, std::string_view text) {
+std::string toLine(const LogHandle& handle, std::string_view text) {
   std::string line(handle.id());
   line += ": ";
   line += text;
   for (char& c : line) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
   }
-  line += '\n';
+  return line;
+}
+
+void StandardErrorSink::entry(const LogHandle& handle, std::string_view text) {
+  const std::string line = toLine(handle, text) + '\n';
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 

@@ -162,8 +162,11 @@ void log(const LogHandle& handle, const Args&... args) {
   logEntry(handle, texts);
 }
 
-// Sinks for whoever runs the program. To standard error go lines "ID: text", control characters
-// shown as '?' (they may come from a peer and must not reach a terminal).
+// An entry as one line "ID: text", without an end of line; control characters are shown as '?'
+// (they may come from a peer and must not reach a terminal).
+std::string toLine(const LogHandle& handle, std::string_view text);
+
+// Sinks for whoever runs the program. To standard error go lines as above.
 class StandardErrorSink final : public LogSink {
  public:
   void entry(const LogHandle& handle, std::string_view text) override;

@@ -29,14 +29,13 @@ class Ptr {
   explicit Ptr(T* object) noexcept : object_(object) { acquire(); }
   Ptr(const Ptr& other) noexcept : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
-  // Implicit, as plain pointers convert.
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-  // NOLINTNEXTLINE(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): converts as plain pointers do
   Ptr(const Ptr<U>& other) noexcept : object_(other.get()) {
     acquire();
   }
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-  // NOLINTNEXTLINE(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): converts as plain pointers do
   Ptr(Ptr<U>&& other) noexcept : object_(other.release()) {}
   ~Ptr() { drop(); }
 

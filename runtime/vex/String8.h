@@ -19,12 +19,11 @@ class String8 {
   using IteratorConst = std::string_view::const_iterator;
 
   String8() noexcept = default;
-  // Implicit: a string is a string.
-  // NOLINTNEXTLINE(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): a string is a string
   String8(std::string_view text) : rep_(text.empty() ? nullptr : makePtr<Rep>(text)) {}
-  // NOLINTNEXTLINE(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): a string is a string
   String8(const char* text) : String8(std::string_view(text)) {}
-  // NOLINTNEXTLINE(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor): a string is a string
   String8(const std::string& text) : String8(std::string_view(text)) {}
 
   std::string_view view() const noexcept { return rep_ ? rep_->text : std::string_view(); }

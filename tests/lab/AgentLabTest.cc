@@ -300,6 +300,13 @@ TEST(AgentLab, RealtimeProcessGivesWayWhileAFloodLasts) {
       return agent.process().realtime() == realtime;
     };
     EXPECT_TRUE(becomes(false)) << "others need the processor too";
+    for (const char* const scheduling : {"normal", "realtime"}) {
+      config.scheduling = scheduling;
+      agent.reload(config);
+    }
+    ASSERT_TRUE(agent.waitText("reloaded", seconds(3))) << agent.process().output();
+    lab.frameRate("sw1", "eth1", Milliseconds(100));
+    EXPECT_FALSE(agent.process().realtime()) << "the flood has begun before the reload";
     lab.ip("foreign", "link set f2 nomaster");
     EXPECT_TRUE(becomes(true)) << "the next loop is to be cut at once";
     config.scheduling = "normal";
