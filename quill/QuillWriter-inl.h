@@ -8,7 +8,6 @@
 #include "quill/Exceptions.h"
 #include "quill/QuillMem.h"
 #include "quill/QuillWriter.h"
-#include "quill/QuillWriterAttach-inl.h"
 #include "quill/Text.h"
 
 namespace Quill {

@@ -142,3 +142,4 @@ class QuillWriter : public QuillBase<Key, Value> {
 }  // namespace Quill
 
 #include "quill/QuillWriter-inl.h"
+#include "quill/QuillWriterAttach-inl.h"

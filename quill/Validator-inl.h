@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "quill/Exceptions.h"
-#include "quill/QuillWriter.h"
+#include "quill/SlotTable.h"
 #include "quill/Text.h"
 #include "quill/Validator.h"
 
