@@ -11,8 +11,10 @@ import os
 import struct
 
 NONE = 0xFFFFFFFF
-INTF = {"type": b"Ringward::Status::CounterIntf", "value": 20, "slot": 40, "header": 216}
-VLAN = {"type": b"Ringward::Status::CounterVlan", "value": 16, "slot": 32, "header": 208}
+INTF = {"type": b"Ringward::Status::CounterIntf", "value": 20, "slot": 40, "header": 216,
+        "key": 8}
+VLAN = {"type": b"Ringward::Status::CounterVlan", "value": 16, "slot": 32, "header": 208,
+        "key": 2}
 
 
 class Died(Exception):
@@ -112,8 +114,8 @@ class ModelWriter:
     # Keys.
 
     def hash(self, key):
-        if self.kind is VLAN:
-            return int.from_bytes(key, "little")
+        if self.kind["key"] == 2:
+            return self.order(key)
         x = int.from_bytes(key, "big")
         for factor in (0xFF51AFD7ED558CCD, 0xC4CEB9FE1A85EC53):
             x = (x ^ x >> 33) * factor % 2**64
@@ -121,10 +123,10 @@ class ModelWriter:
 
     def key_at(self, index):
         at = self.slot(index) + 16
-        return bytes(self.files["slots"][at:at + (2 if self.kind is VLAN else 8)])
+        return bytes(self.files["slots"][at:at + self.kind["key"]])
 
     def order(self, key):
-        return int.from_bytes(key, "little" if self.kind is VLAN else "big")
+        return int.from_bytes(key, "little" if self.kind["key"] == 2 else "big")
 
     def find(self, key):
         """(file and offset of the word that leads to the slot or its place, slot or None)."""

@@ -190,8 +190,8 @@ def _formats(ids, missing, old):
     while done < len(ids) and ids[done] and ids[done] == new:
         done += 1
     rest = list(zip(ids, missing))[done:]
-    # The file in work has an id that is not stored yet: none, 0 or still the old one.
-    if rest and not rest[0][1] and rest[0][0] in (None, 0, old):
+    # The file in work may not have an id yet.
+    if rest and not rest[0][1] and rest[0][0] in (None, 0):
         rest = rest[1:]
         done += 1
-    return done > 0 and all(gone or old is not None and i == old for i, gone in rest)
+    return done > 0 and all(gone if old is None else i == old for i, gone in rest)

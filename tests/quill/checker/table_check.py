@@ -205,25 +205,25 @@ def _max_bytes(text):
     return size
 
 
-def _parser():
-    parser = _Parser(prog="table_check.py", description="Checks a table that lies in files, at rest.")
-    parser.add_argument("directory", help="the table's directory")
-    parser.add_argument("--json", action="store_true", help="print all facts as JSON on stdout")
-    parser.add_argument("--dump", action="store_true", help="print all entries (implies --json)")
-    parser.add_argument("--allow-open", action="store_true",
+def parser():
+    result = _Parser(prog="table_check.py", description="Checks a table that lies in files, at rest.")
+    result.add_argument("directory", help="the table's directory")
+    result.add_argument("--json", action="store_true", help="print all facts as JSON on stdout")
+    result.add_argument("--dump", action="store_true", help="print all entries (implies --json)")
+    result.add_argument("--allow-open", action="store_true",
                         help="tolerate, and name, the states in which a writer may die")
-    parser.add_argument("--key-type", choices=sorted(KEY_TYPES),
+    result.add_argument("--key-type", choices=sorted(KEY_TYPES),
                         help="how keys are hashed and ordered in a table of an unknown value type; "
                              "without it, its keys are not checked")
-    parser.add_argument("--page-size", type=_page_size, default=os.sysconf("SC_PAGE_SIZE"),
+    result.add_argument("--page-size", type=_page_size, default=os.sysconf("SC_PAGE_SIZE"),
                         help="of the machine that wrote the table (default: this one's)")
-    parser.add_argument("--max-bytes", type=_max_bytes, default=256 << 20,
+    result.add_argument("--max-bytes", type=_max_bytes, default=256 << 20,
                         help="largest mapped file that is read (default: 256 MiB)")
-    return parser
+    return result
 
 
 def main(argv=None):
-    arguments = _parser().parse_args(argv)
+    arguments = parser().parse_args(argv)
     try:
         check = Check(arguments)
     except UsageError as error:
