@@ -28,7 +28,7 @@ def vlan(number):
 
 def run(*arguments):
     """(exit status, stdout, stderr) of the command, run as a program."""
-    done = subprocess.run([sys.executable, CHECKER, *arguments], capture_output=True, text=True,
+    done = subprocess.run([sys.executable, "-B", CHECKER, *arguments], capture_output=True, text=True,
                           timeout=120, check=False)
     return done.returncode, done.stdout, done.stderr
 

@@ -232,7 +232,7 @@ def main(argv=None):
     if arguments.json or arguments.dump:
         print(json.dumps(report(check, arguments.dump), indent=2, sort_keys=True))
     elif check.sound:
-        entries = "%d entries" % len(check.lists.entries) if check.lists else "contents not checked"
+        entries = "entries: %d" % len(check.lists.entries) if check.lists else "contents not checked"
         state = "a writer died here: %s" % " or ".join(check.states) if check.states else "at rest"
         print("sound, %s, %s" % (state, entries))
     for finding in check.findings.first:

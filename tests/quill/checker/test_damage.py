@@ -54,7 +54,13 @@ class HeaderDamageTest(TableTest):
 
     def test_sizes_of_value_and_slot(self):
         self.damaged("slots", 148, 48, "slots: offset 148: slotSize is 48, allowed: 40")
+        self.damaged("slots", 148, 0, "slots: offset 148: slotSize is 0, allowed: 40")
         self.damaged("slots", 144, 16, "slots: offset 144: valueSize is 16, allowed: 20")
+
+    def test_value_of_no_bytes(self):
+        writer = ModelWriter(dict(INTF, type=b"Some::Value", value=0, slot=16, header=192))
+        self.assert_damage(writer, "slots", 144,
+                           "slots: offset 144: valueSize is 0, allowed: 1 or more")
 
     def test_more_slots_than_the_file_holds(self):
         self.damaged("slots", 172, 98, "slots: offset 172: file size is 4096, allowed: at least "
@@ -80,6 +86,10 @@ class HeaderDamageTest(TableTest):
         del self.writer.files["buckets"][-8:]
         self.assert_damage(self.writer, "buckets", 16, "buckets: offset 16: numBuckets is 2556, "
                            "allowed: 2557 for maxSlots 1024 and pages of 4096 bytes")
+
+    def test_no_buckets(self):
+        del self.writer.files["buckets"][24:]
+        self.damaged("buckets", 16, 0, "buckets: offset 16: numBuckets is 0, allowed: 1 or more")
 
     def test_no_owner_of_buckets(self):
         self.damaged("buckets", 20, 0, "buckets: offset 20: owner pid is 0, allowed: 1 or more")

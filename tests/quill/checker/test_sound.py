@@ -41,6 +41,9 @@ class SoundTest(TableTest):
         self.assertEqual(facts["fenix"], 0x12345678)
         self.assertEqual(facts["lastOwner"], {"pid": 1234, "name": "test"})
 
+    def test_owner_may_give_no_name(self):
+        self.assertEqual(self.assert_sound(ModelWriter(class_type=b""))["classType"], "")
+
     def test_entries_are_dumped_in_order_of_buckets_and_keys(self):
         writer = ModelWriter(VLAN, max_slots=0)  # 509 buckets
         for number in (509, 7, 0, 1018, 7):
@@ -183,6 +186,12 @@ class SoundTest(TableTest):
         writer = ModelWriter(kind)
         self.assertFalse(self.assert_sound(writer)["keysChecked"])
         self.assertTrue(self.assert_sound(writer, "--key-type", "vlan")["keysChecked"])
+
+    def test_key_type_that_is_longer_than_the_value_is_not_used(self):
+        writer = ModelWriter(dict(VLAN, type=b"Some::Value", value=7, slot=24, header=200))
+        self.assertFalse(self.assert_sound(writer, "--key-type", "intf")["keysChecked"])
+        writer = ModelWriter(dict(VLAN, type=b"Some::Value", value=8, slot=24, header=200))
+        self.assertTrue(self.assert_sound(writer, "--key-type", "intf")["keysChecked"])
 
 
 if __name__ == "__main__":
