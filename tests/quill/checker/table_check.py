@@ -48,6 +48,8 @@ class Check:
         table, findings = self.table, self.findings
         if self.arguments.allow_open:
             state = open_states.name_file_state(table)
+            if state == "storing-fenix" and not self._last_file_is_done():
+                state = "formatting"
             if state:
                 self.states = [state]
                 return state == "storing-fenix"
@@ -61,6 +63,11 @@ class Check:
                     findings.check(file.fenix == table.fenix, file.name, 12, "fenix",
                                    "0x%08x" % file.fenix, "0x%08x as in fenix" % table.fenix)
         return all(file is not None for file in table.mapped)
+
+    def _last_file_is_done(self):
+        """Whether the file that is formatted last has more of a header than its id."""
+        aside = Findings()
+        return header_rules.check_queue(self.table.queues[1], self.arguments.page_size, aside)
 
     def _headers_are_good(self):
         table, findings, page = self.table, self.findings, self.arguments.page_size

@@ -232,6 +232,15 @@ class NotOneOfTheStatesTest(TableTest):
         other.poke("conquer.1", 48, 0)
         self.open_damage(other)
 
+    def test_damage_of_the_lists_beside_a_state_of_the_queue(self):
+        writer = ModelWriter()
+        writer.put(eth(1))
+        writer.poke("conquer.1", 48, 0)
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["publishing-entry"])
+        writer.poke("slots", writer.slot(96) + 4, 0)
+        self.assert_damage(writer, "slots", 216, "slots: offset 216: slot 0 is on the free list and "
+                           "on a chain, allowed: one of them", "--allow-open")
+
     def test_damage_beside_a_state(self):
         writer = ModelWriter()
         writer.take()
@@ -294,6 +303,12 @@ class FilesTest(TableTest):
         with open(self.path("slots"), "r+b") as file:
             file.write(b"X")
         self.assertFalse(self.check(None, "--allow-open")["sound"])
+
+    def test_last_file_that_has_nothing_but_its_id(self):
+        self.save((6, 6, 6, 6), 5)
+        with open(self.path("conquer.2"), "r+b") as file:
+            file.write(bytes(8))
+        self.assertEqual(self.assert_sound(None, "--allow-open")["states"], ["formatting"])
 
     def test_files_that_go(self):
         self.assertEqual(self.state_of((5, 5, None, 5), None), ["cleaning-up"])
