@@ -198,7 +198,7 @@ class _Parser(argparse.ArgumentParser):
 
 
 def _page_size(text):
-    size = int(text)
+    size = int(text) if text.isdecimal() and len(text) <= 7 else 0
     if not 512 <= size <= 1 << 20 or size & (size - 1):
         raise argparse.ArgumentTypeError("page size %s, allowed: a power of 2 from 512 to 1048576"
                                          % text)
@@ -206,7 +206,7 @@ def _page_size(text):
 
 
 def _max_bytes(text):
-    size = int(text)
+    size = int(text) if text.isdecimal() and len(text) <= 10 else 0
     if not 1 <= size <= 0xFFFFFFFF:
         raise argparse.ArgumentTypeError("limit %s, allowed: 1 to 4294967295" % text)
     return size

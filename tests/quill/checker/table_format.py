@@ -57,10 +57,10 @@ KEY_TYPES = {
 
 @dataclass(frozen=True)
 class ValueType:
+    """`counts` is the offset of tx, rx and rxOther in the value."""
     key: str
     size: int
     counts: int
-    """Offset of tx, rx and rxOther in the value."""
 
 
 VALUE_TYPES = {

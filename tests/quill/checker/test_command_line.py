@@ -67,9 +67,18 @@ class ExitStatusTest(TableTest):
             self.assertIn("usage: table_check.py", err)
 
     def test_errors_of_options_name_value_and_range(self):
-        self.assertIn("page size 4095, allowed: a power of 2 from 512 to 1048576",
-                      run("--page-size", "4095", ".")[2])
-        self.assertIn("limit 0, allowed: 1 to 4294967295", run("--max-bytes", "0", ".")[2])
+        for text in ("4095", "256", "2097152", "-4096", "x"):
+            self.assertIn("page size %s, allowed: a power of 2 from 512 to 1048576" % text,
+                          run("--page-size=" + text, ".")[2])
+        for text in ("0", "4294967296", "1e9", "9" * 5000):
+            self.assertIn("limit %s, allowed: 1 to 4294967295" % text,
+                          run("--max-bytes=" + text, ".")[2])
+
+    def test_smallest_and_largest_options_are_taken(self):
+        os.mkdir(self.directory)
+        for options in (("--page-size", "512"), ("--page-size", "1048576"), ("--max-bytes", "1"),
+                        ("--max-bytes", "4294967295")):
+            self.assertEqual(run(*options, self.directory)[0], 4)
 
 
 class OutputTest(TableTest):

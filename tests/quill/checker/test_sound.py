@@ -184,6 +184,9 @@ class SoundTest(TableTest):
     def test_unknown_value_type_needs_its_key_type_told(self):
         kind = dict(VLAN, type=b"Some::Value")
         writer = ModelWriter(kind)
+        # What stands behind the key of a type that is not known is not judged.
+        writer.put(vlan(3))
+        writer.poke("slots", writer.slot(0) + 18, 0x7978, 2)
         self.assertFalse(self.assert_sound(writer)["keysChecked"])
         self.assertTrue(self.assert_sound(writer, "--key-type", "vlan")["keysChecked"])
 
