@@ -19,6 +19,9 @@ class Exception : public Vex::Exception {
 
   // The text alone, as what() gives it; lives as long as the exception.
   const std::string& msg() const noexcept { return text(); }
+
+  // The full name of the class.
+  virtual const char* name() const noexcept { return "Sable::Exception"; }
 };
 
 }  // namespace Sable
