@@ -183,6 +183,18 @@ def name_file_state(table):
     return "formatting" if old != 0 and _formats(ids, missing, old) else None
 
 
+def slots_are_cut(table, page):
+    """Whether `slots` has been cut to the size of a new file, with all of its old header: what the
+    first step of formatting a table anew leaves. A file that lost its end there looks the same."""
+    slots = table.slots
+    if not table.fenix or _id(slots) != table.fenix:
+        return False
+    if not 0 < slots.slot_size < page - slots.header_size:
+        return False
+    count = (page - slots.header_size) // slots.slot_size
+    return slots.size == slots.offset(count) and slots.num_slots > count
+
+
 def _formats(ids, missing, old):
     """Whether the files, in order, are done (new id), then at most one in work, then untouched."""
     new = ids[0] if old is None else next_id(old)

@@ -48,7 +48,8 @@ class Check:
         table, findings = self.table, self.findings
         if self.arguments.allow_open:
             state = open_states.name_file_state(table)
-            if state == "storing-fenix" and not self._last_file_is_done():
+            if (state == "storing-fenix" and not self._last_file_is_done() or
+                    not state and open_states.slots_are_cut(table, self.arguments.page_size)):
                 state = "formatting"
             if state:
                 self.states = [state]

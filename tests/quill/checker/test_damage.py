@@ -230,6 +230,13 @@ class ListDamageTest(TableTest):
         self.damaged("slots", 288, 509 * 9, "slots: offset 288: VLAN of slot 2 is 4581, allowed: 0 "
                      "to 4094", size=2)
 
+    def test_largest_vlan_is_sound(self):
+        self.writer.put(vlan(4094))
+        self.assert_sound(self.writer)
+        self.writer.put(vlan(4095))
+        self.assert_damage(self.writer, "slots", 352,
+                           "slots: offset 352: VLAN of slot 4 is 4095, allowed: 0 to 4094")
+
     def test_bytes_behind_a_vlan(self):
         self.damaged("slots", 290, 0x100, "slots: offset 290: bytes behind the key of slot 2 is "
                      "0001, allowed: 0000", size=2)

@@ -293,6 +293,31 @@ class FilesTest(TableTest):
         self.assertEqual(self.state_of((6, 6, 6, 5), 5), ["formatting"])
         self.assertEqual(self.state_of((1, 1, 1, 0xFFFFFFFF), 0xFFFFFFFF), ["formatting"])
 
+    def test_slots_that_are_cut_before_they_are_formatted_anew(self):
+        writer = ModelWriter()
+        for number in range(98):
+            writer.put(key(number))
+        del writer.files["slots"][4096:]
+        self.assert_damage(writer, "slots", 172, "slots: offset 172: file size is 4096, allowed: at "
+                           "least 8176 for 199 slots")
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["formatting"])
+        del writer.files["slots"][4095:]
+        self.assertFalse(self.check(writer, "--allow-open")["sound"])
+        writer.files["slots"] += bytes(2)
+        self.assertFalse(self.check(writer, "--allow-open")["sound"])
+
+    def test_cut_of_slots_needs_its_old_header(self):
+        writer = ModelWriter()
+        writer.poke("slots", 172, 98)
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["formatting"])
+        writer.poke("slots", 12, 5)
+        self.assertFalse(self.check(writer, "--allow-open")["sound"])
+        for size in (0, 40, 3920, NONE):
+            writer = ModelWriter()
+            writer.poke("slots", 172, 98)
+            writer.poke("slots", 148, size)
+            self.assertEqual(self.check(writer, "--allow-open")["sound"], size == 40)
+
     def test_files_that_are_done_before_fenix(self):
         self.assertEqual(self.state_of((5, 5, 5, 5), None), ["storing-fenix"])
         self.assertEqual(self.state_of((6, 6, 6, 6), 5), ["storing-fenix"])
