@@ -149,6 +149,28 @@ class NotOneOfTheStatesTest(TableTest):
         writer.take()
         self.open_damage(writer)
 
+    def test_slot_on_no_list_that_is_occupied_but_not_counted(self):
+        writer = ModelWriter()
+        writer.take()
+        writer.poke("slots", writer.slot(0) + 12, 5)
+        self.assert_sound(writer, "--allow-open")
+        writer.poke("slots", 160, 0)
+        self.open_damage(writer)
+
+    def test_slot_on_no_list_with_a_link_beyond_the_slots(self):
+        writer = ModelWriter()
+        writer.take()
+        for following, sound in ((96, True), (NONE, True), (97, False), (NONE - 1, False)):
+            writer.poke("slots", writer.slot(0) + 4, following)
+            self.assertEqual(self.check(writer, "--allow-open")["sound"], sound)
+
+    def test_value_being_stored_under_an_unknown_key_type(self):
+        writer = ModelWriter(dict(VLAN, type=b"Some::Value"))
+        writer.put(vlan(1))
+        writer.poke("slots", writer.slot(0) + 12, 7)
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["storing-value"])
+        self.assertFalse(self.check(writer, "--allow-open", "--key-type", "vlan")["sound"])
+
     def test_lookaside_slot_with_another_key(self):
         writer = ModelWriter()
         writer.put(eth(1))
