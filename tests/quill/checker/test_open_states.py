@@ -149,6 +149,73 @@ class NotOneOfTheStatesTest(TableTest):
         writer.take()
         self.open_damage(writer)
 
+    def test_two_states_of_the_lists_at_once(self):
+        def orphan(w):
+            w.poke("slots", 164, w.get("slots", w.slot(w.get("slots", 164)) + 4))
+
+        def flag(w):
+            w.poke("slots", w.slot(1) + 12, w.get("slots", w.slot(1) + 12) | 2)
+            w.files["slots"][192:208] = w.files["slots"][w.slot(1) + 16:w.slot(1) + 32]
+
+        def count(w):
+            w.poke("slots", 160, w.get("slots", 160) + 1)
+
+        def onto_chain(w):
+            w.poke("slots", w.slot(120) + 4, 0)
+
+        for first in (orphan, flag, count, onto_chain):
+            for second in (orphan, flag, count, onto_chain):
+                # A slot between the lists may be counted; each of the others stands alone.
+                sound = first is second and first in (orphan, flag, count)
+                sound |= {first, second} == {orphan, count}
+                writer = ModelWriter(VLAN, max_slots=0)
+                for number in (0, 1, 2):
+                    writer.put(vlan(number))
+                first(writer)
+                if second is not first:
+                    second(writer)
+                with self.subTest(first=first.__name__, second=second.__name__):
+                    self.assertEqual(self.check(writer, "--allow-open")["sound"], sound)
+
+    def freeing(self, links):
+        """A table whose slot 0 is being freed; `links` are the next fields of the old free list."""
+        writer = ModelWriter(VLAN, max_slots=0)
+        for number in range(117):
+            writer.put(vlan(number))
+        writer.stores_left = 3
+        with self.assertRaises(Died):
+            writer.remove(vlan(0))
+        for slot, following in enumerate(links, 117):
+            writer.poke("slots", writer.slot(slot) + 4, following)
+        return self.check(writer, "--allow-open")["sound"]
+
+    def test_old_free_list_of_a_slot_being_freed(self):
+        self.assertTrue(self.freeing((118, 119, 120, NONE)))
+        self.assertTrue(self.freeing((NONE, 117, 118, 119)))
+        self.assertFalse(self.freeing((118, 119, 120, 117)), "a cycle")
+        self.assertFalse(self.freeing((118, 119, 120, 118)), "a cycle behind its head")
+        self.assertFalse(self.freeing((118, NONE, 120, NONE)), "two lists")
+        self.assertFalse(self.freeing((118, 119, 120, 5)), "onto a chain")
+        self.assertFalse(self.freeing((118, 119, 120, 121)), "beyond the slots")
+
+    def test_entry_that_is_not_at_the_position(self):
+        writer = ModelWriter()
+        for number in (1, 2):
+            writer.put(eth(number))
+        writer.poke("conquer.1", 48, 0)
+        writer.poke("slots", writer.slot(0) + 8, NONE)
+        self.open_damage(writer)
+        writer.poke("conquer.1", 48, 1)
+        writer.poke("slots", writer.slot(0) + 8, 0)
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["publishing-entry"])
+
+    def test_entry_beyond_the_queue(self):
+        writer = ModelWriter()
+        for number in range(336):
+            writer.put(key(number))
+        writer.poke("slots", writer.slot(400) + 8, 336)
+        self.open_damage(writer)
+
     def test_slot_on_no_list_that_is_occupied_but_not_counted(self):
         writer = ModelWriter()
         writer.take()
