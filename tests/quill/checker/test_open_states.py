@@ -238,6 +238,15 @@ class NotOneOfTheStatesTest(TableTest):
         self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["storing-value"])
         self.assertFalse(self.check(writer, "--allow-open", "--key-type", "vlan")["sound"])
 
+    def test_slot_being_freed_under_an_unknown_key_type(self):
+        writer = ModelWriter(dict(VLAN, type=b"Some::Value"), max_slots=0)
+        for number in (0, 509):
+            writer.put(vlan(number))
+        writer.stores_left = 3
+        with self.assertRaises(Died):
+            writer.remove(vlan(0))
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["freeing-slot"])
+
     def test_lookaside_slot_with_another_key(self):
         writer = ModelWriter()
         writer.put(eth(1))
