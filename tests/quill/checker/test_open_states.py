@@ -75,6 +75,15 @@ class EveryStoreTest(TableTest):
                          ["", "between-lists", "counting-removal", "", "marking-tombstone",
                           "publishing-entry", ""])
 
+    def test_remove_of_a_chain_head_with_an_empty_free_list(self):
+        writer = ModelWriter(VLAN, max_slots=0)
+        for number in (*range(120), 509):
+            writer.put(vlan(number))
+        self.assertEqual(writer.get("slots", 164), NONE)
+        self.assertEqual(self.states(writer, lambda w: w.remove(vlan(0))),
+                         ["", "between-lists", "freeing-slot", "counting-removal", "",
+                          "marking-tombstone", "publishing-entry", ""])
+
     def test_remove_with_one_free_slot(self):
         writer = ModelWriter(VLAN, max_slots=0)
         for number in range(120):
