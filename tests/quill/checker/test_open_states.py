@@ -218,6 +218,34 @@ class NotOneOfTheStatesTest(TableTest):
         writer.poke("slots", writer.slot(0) + 8, 0)
         self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["publishing-entry"])
 
+    def test_position_of_anything_but_a_tombstone(self):
+        writer = ModelWriter()
+        for number in (1, 2, 2):
+            writer.put(eth(number))
+        field = writer.slot(50) + 8
+        for position, sound in ((0, False), (1, True), (2, False), (3, False), (5, False)):
+            writer.poke("slots", field, position)
+            self.assertEqual(self.check(writer, "--allow-open")["sound"], sound, position)
+        writer.poke("slots", field, 1)
+        writer.poke("slots", writer.slot(51) + 8, 1)
+        self.open_damage(writer)
+
+    def test_entry_that_names_another_slot(self):
+        writer = ModelWriter()
+        writer.put(eth(1))
+        writer.poke("conquer.1", 48, 0)
+        writer.poke("conquer.1", 60, 7)
+        self.open_damage(writer)
+
+    def test_empty_table_that_nothing_was_moved_to(self):
+        writer = ModelWriter()
+        writer.poke("conquer.1", 16, 1, 8)
+        self.open_damage(writer)
+        writer.poke("conquer.1", 32, 2)
+        self.assertEqual(self.assert_sound(writer, "--allow-open")["states"], ["moved-all"])
+        writer.poke("slots", writer.slot(3) + 8, 2)
+        self.open_damage(writer)
+
     def test_entry_beyond_the_queue(self):
         writer = ModelWriter()
         for number in range(336):
