@@ -175,6 +175,7 @@ class RandomRun {
       // Phases of growth and of decline, so that the store grows and shrinks.
       const unsigned removals = round % 12 < 6 ? 25 : 98;
       for (unsigned i = 0; i < 150; ++i) change(removals);
+      if (round % 12 == 11) removeAll();
       if (round % 20 == 19) table_.slotsAre(static_cast<unsigned>(table_.slots.size()) * 2);
       if (round % 7 == 6) {
         news_.clear();  // missed: everything is gone over again
@@ -209,6 +210,14 @@ class RandomRun {
       places_[key.number] = slot;
     }
     if (below(3) == 0 && !news_.empty()) deliver();
+  }
+
+  void removeAll() {
+    for (const auto& [number, slot] : places_) {
+      table_.take(slot);
+      news_.push_back(slot);
+    }
+    places_.clear();
   }
 
   unsigned freeSlot() {
