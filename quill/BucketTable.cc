@@ -46,6 +46,8 @@ bool BucketTable::Header::validate(std::uint32_t fileSize, std::uint32_t wantedF
 }
 
 std::uint32_t BucketTable::bucketsFor(std::uint32_t maxSlots, std::uint32_t pageSize) noexcept {
+  // More than fit in a file of 32-bit size: attach() refuses any such number.
+  if (maxSlots > UINT32_MAX / (2 * kBucketSize)) return UINT32_MAX;
   const std::uint64_t count = std::uint64_t{maxSlots} * 2;
   const std::uint64_t bytes = count * kBucketSize + kHeaderSize;
   const std::uint64_t rounded = (bytes + pageSize - 1) / pageSize * pageSize;
@@ -90,10 +92,12 @@ bool BucketWriterTable::attach(std::uint32_t fenix) {
   detach();
   const std::uint32_t existing = mem_.memSize();
   const std::uint64_t wantedBytes = std::uint64_t{wanted_} * kBucketSize + kHeaderSize;
-  const std::uint32_t size =
-      existing != 0 ? existing
-                    : static_cast<std::uint32_t>(std::min<std::uint64_t>(wantedBytes, UINT32_MAX));
-  header_ = static_cast<Header*>(mem_.attach(size, Mem::Mode::readWrite));
+  const std::uint64_t size = existing != 0 ? existing : wantedBytes;
+  errno = EFBIG;
+  if (size <= UINT32_MAX) {
+    const auto bytes = static_cast<std::uint32_t>(size);
+    header_ = static_cast<Header*>(mem_.attach(bytes, Mem::Mode::readWrite));
+  }
   if (header_ == nullptr) {
     const int error = errno;
     raise<Sable::InvalidInitializeException>("BucketWriter::attach() cannot attach to shmem ",

@@ -43,8 +43,8 @@ class Conquer : protected Sable::Debuggable {
       return std::uint64_t{high.load(Mem::relaxed)} << 32 | low.load(Mem::relaxed);
     }
     void sequenceIs(std::uint64_t value) noexcept {
-      low.store(static_cast<std::uint32_t>(value), Mem::relaxed);
-      high.store(static_cast<std::uint32_t>(value >> 32), Mem::relaxed);
+      low.store(static_cast<std::uint32_t>(value), Mem::release);
+      high.store(static_cast<std::uint32_t>(value >> 32), Mem::release);
     }
 
     Mem::SharedU32 low;

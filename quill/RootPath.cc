@@ -148,7 +148,7 @@ void RootPath::cleanup() const {
   if (const std::unique_ptr<DIR, int (*)(DIR*)> directory{opendir(path_.c_str()), &closedir}) {
     while (const dirent* const entry = readdir(directory.get())) {
       const std::string_view name = entry->d_name;
-      if (name == "lock" || (name.starts_with('.') && name.ends_with(".new")))
+      if (name == "lock" || name == "kick" || (name.starts_with('.') && name.ends_with(".new")))
         left.emplace_back(name);
     }
   }

@@ -56,8 +56,8 @@ class RootPath : private Sable::Debuggable {
   void makeDirectory() const;
   // Removes one file of the directory; a missing one is as good. Traces any other failure.
   void removeFile(std::string_view fileName) const;
-  // Removes the store's own helper files (the lock, left-over ".*.new") and then the directory, if
-  // it is empty. Traces a failure. REQUIRES: the writer lock is held.
+  // Removes the store's own helper files (lock, kick socket, left-over ".*.new") and then the
+  // directory, if it is empty. Traces a failure. REQUIRES: the writer lock is held.
   void cleanup() const;
 
  private:

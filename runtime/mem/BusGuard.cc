@@ -24,6 +24,16 @@ struct BusGuard::Record {
   Record* next = nullptr;  // constant once the record is on the list
 };
 
+std::atomic<bool> BusGuard::anyHit{false};
+
+// What the signal handler may touch of the guards.
+struct BusHandler {
+  static void hit(BusGuard::Record& record) noexcept {
+    record.hit.store(true, std::memory_order_relaxed);  // read by the thread that was interrupted
+    BusGuard::anyHit.store(true, std::memory_order_relaxed);
+  }
+};
+
 namespace {
 
 static_assert(std::atomic<std::uintptr_t>::is_always_lock_free);
@@ -65,7 +75,7 @@ void onBus(int signal, siginfo_t* info, void* context) {
                         MAP_FIXED | MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     errno = error;
     if (mapped == MAP_FAILED) break;
-    record->hit.store(true, std::memory_order_relaxed);  // read by the thread that was interrupted
+    BusHandler::hit(*record);
     return;
   }
   passOn(signal, info, context);
@@ -123,7 +133,7 @@ void BusGuard::end() noexcept {
   record_ = nullptr;
 }
 
-bool BusGuard::hit() const noexcept {
+bool BusGuard::recordHit() const noexcept {
   return record_ != nullptr && record_->hit.load(std::memory_order_relaxed);
 }
 

@@ -16,6 +16,7 @@
 //  3. The record covers the range from before the first access until after the last one.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 namespace Mem {
@@ -32,11 +33,18 @@ class BusGuard {
   void begin(void* base, std::size_t size);
   void end() noexcept;
   // An access met a page that the file does not have any more. Stays true until begin() or end().
-  bool hit() const noexcept;
+  // One load while no file of the process has ever shrunk.
+  bool hit() const noexcept { return anyHit.load(std::memory_order_relaxed) && recordHit(); }
 
   struct Record;
 
  private:
+  bool recordHit() const noexcept;
+
+  // Some guard of the process was hit, ever. Stored by the handler on the thread that reads it
+  // next.
+  static std::atomic<bool> anyHit;
+  friend struct BusHandler;
   Record* record_ = nullptr;
 };
 

@@ -23,3 +23,6 @@ TEST(Util, FenixIdsOfOneProcessDiffer) {
 }
 
 }  // namespace QuillTest
+#include "quill/QuillWriter.h"
+template class Quill::QuillWriter<Portus::IntfId, QuillTest::IntfRecord>;
+template class Quill::QuillWriter<Bridging::VlanIdOrNone, QuillTest::VlanRecord>;

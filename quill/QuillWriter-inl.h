@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Bodies of QuillWriter.h: life, changes, reads. QuillWriterAttach-inl.h has the recovery.
+#pragma once
+
+#include <utility>
+
+#include "quill/Exceptions.h"
+#include "quill/QuillMem.h"
+#include "quill/QuillWriter.h"
+#include "quill/Text.h"
+
+namespace Quill {
+
+template <class Key, class Value>
+QuillWriter<Key, Value>::QuillWriter(Sable::Platform::DebugHandler& handler, const char* name,
+                                     unsigned maxSlots, bool localMem, std::string classTypeName)
+    : QuillBase<Key, Value>(handler),
+      root_(handler, name, !localMem),
+      localMem_(localMem),
+      buckets_(handler, root_, localMem, maxSlots, counters_),
+      slots_(handler, root_, localMem, maxSlots, counters_, std::move(classTypeName)),
+      conquer_(handler, root_, localMem, slots_, counters_) {}
+
+template <class Key, class Value>
+QuillWriter<Key, Value>::~QuillWriter() {
+  detach();
+}
+
+template <class Key, class Value>
+Key QuillWriter<Key, Value>::keyAt(const Slot<Value>& slot) const noexcept {
+  Key key;
+  slot.value.copyOut(&key, sizeof key);
+  return key;
+}
+
+template <class Key, class Value>
+const Value* QuillWriter<Key, Value>::valueIn(const Slot<Value>& slot) noexcept {
+  return static_cast<const Value*>(const_cast<Slot<Value>&>(slot).value.address());
+}
+
+template <class Key, class Value>
+Slot<Value>& QuillWriter<Key, Value>::slotOnChain(std::uint32_t index, std::uint32_t bucket,
+                                                  std::uint32_t& steps,
+                                                  const WalkNames& names) const {
+  if (++steps > capacity()) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillWriter::", names.cycle,
+                                       "() hash chain cycle detected, slotCount:", steps,
+                                       " capacity:", capacity());
+  }
+  Slot<Value>& slot = slots_.slots()[index];
+  if (!isOccupied(slot)) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillWriter::", names.occupied, "() slot: ", index,
+                                       " not marked as occupied");
+  }
+  if (bucketOf(keyAt(slot)) != bucket) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillWriter::", names.corrupt,
+                                       "() corrupt key detected, slot: ", index);
+  }
+  return slot;
+}
+
+template <class Key, class Value>
+bool QuillWriter<Key, Value>::find(const Key& key, std::uint32_t bucket, SlotRef*& curr,
+                                   Slot<Value>*& next, std::uint32_t& index) const {
+  std::uint32_t steps = 0;
+  while ((index = curr->load(Mem::relaxed).value) != kNoSlot) {
+    next = &slotOnChain(index, bucket, steps, kFindNames);
+    const Key slotKey = keyAt(*next);
+    if (slotKey < key) {
+      curr = &next->ref;
+    } else {
+      return !(key < slotKey);
+    }
+  }
+  return false;
+}
+
+template <class Key, class Value>
+std::uint32_t QuillWriter<Key, Value>::allocKeeping(SlotRef*& curr, Slot<Value>*& scratch) {
+  const std::uint32_t size = slots_.mem().size();
+  const AutoMemMove currGuard(this->debugHandler(), &curr, slots_.headerAddress(), size);
+  const AutoMemMove scratchGuard(this->debugHandler(), &scratch, slots_.headerAddress(), size);
+  return slots_.alloc();
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::storeValue(Slot<Value>& slot, const Value& value) noexcept {
+  const std::uint32_t flags = slot.flags.load(Mem::relaxed);
+  if ((flags & kOccupied) != 0) {
+    // [W1] The whole value in `lookaside` before LOOKASIDE sends readers there; each word a release
+    // after the last flags store, so that a reader that copied a mixed value sees flags that moved
+    // on. Pairs with the acquires of flags and value words in SlotReaderTable.
+    slots_.header()->lookaside.value.copyIn(&value);
+  }
+  slot.flags.store(flags + 2, Mem::release);
+  slot.value.copyIn(&value);
+  // [W2] The value in the slot before LOOKASIDE is down again. Pairs as W1.
+  slot.flags.store((flags + 4) | kOccupied, Mem::release);
+}
+
+template <class Key, class Value>
+const Value* QuillWriter<Key, Value>::write(const Value& value, bool overwrite) {
+  requireNoDirectWrite("write");
+  const Key key = keyOf<Key>(value);
+  const std::uint32_t bucket = bucketOf(key);
+  SlotRef* curr = buckets_.getRef(bucket);
+  Slot<Value>* slot = nullptr;
+  std::uint32_t index = kNoSlot;
+  if (find(key, bucket, curr, slot, index)) {
+    if (!overwrite) return valueIn(*slot);
+    storeValue(*slot, value);
+  } else {
+    index = allocKeeping(curr, slot);
+    slot = &slots_.slots()[index];
+    const Mem::VerU32 before = curr->load(Mem::relaxed);
+    slot->ref.store(slot->ref.load(Mem::relaxed).next(before.value), Mem::release);
+    storeValue(*slot, value);
+    // [W5] The slot whole before the link to it. Pairs with the acquire of links in QuillReader.
+    curr->store(before.next(index), Mem::release);
+  }
+  conquer_.notify(index);
+  requireFiles();
+  return valueIn(*slot);
+}
+
+template <class Key, class Value>
+bool QuillWriter<Key, Value>::remove(const Key& key, Value& old) {
+  requireNoDirectWrite("remove");
+  const std::uint32_t bucket = bucketOf(key);
+  SlotRef* curr = buckets_.getRef(bucket);
+  Slot<Value>* slot = nullptr;
+  std::uint32_t index = kNoSlot;
+  if (!find(key, bucket, curr, slot, index)) return false;
+  slot->value.copyOut(&old);
+  // [W6] Off the chain before anything of the slot changes: a reader that sees a change of the slot
+  // sees that the link which brought it there has moved on. Pairs with the second look at a link's
+  // version in QuillReader.
+  const Mem::VerU32 next = slot->ref.load(Mem::relaxed);
+  curr->store(curr->load(Mem::relaxed).next(next.value), Mem::release);
+  slot->flags.store(slot->flags.load(Mem::relaxed) & ~kOccupied, Mem::release);
+  slots_.free(index);
+  ++counters_.slotsRemoved;
+  conquer_.notify(index);
+  requireFiles();
+  return true;
+}
+
+template <class Key, class Value>
+DirectTarget QuillWriter<Key, Value>::directWrite(const Key& key) {
+  requireNoDirectWrite("directWrite");
+  const std::uint32_t bucket = bucketOf(key);
+  SlotRef* ref = buckets_.getRef(bucket);
+  Slot<Value>* slot = nullptr;
+  std::uint32_t index = kNoSlot;
+  const bool found = find(key, bucket, ref, slot, index);
+  if (!found) {
+    index = allocKeeping(ref, slot);
+    slot = &slots_.slots()[index];
+  }
+  ++counters_.directWrites;
+  directRef_ = ref;
+  directSlot_ = index;
+  directNew_ = !found;
+  auto& target = isOccupied(*slot) ? slots_.header()->lookaside.value : slot->value;
+  Value fresh{};
+  std::memset(static_cast<void*>(&fresh), 0, sizeof fresh);
+  std::memcpy(static_cast<void*>(&fresh), static_cast<const void*>(&key), sizeof key);
+  target.copyIn(&fresh);
+  return {target.address(), index};
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::directCommit() {
+  if (directSlot_ == kNoSlot) {
+    raise<Sable::RuntimeException>("QuillWriter::directCommit() no direct write is open");
+  }
+  const std::uint32_t index = directSlot_;
+  Slot<Value>& slot = slots_.slots()[index];
+  const Mem::VerU32 before = directNew_ ? directRef_->load(Mem::relaxed) : Mem::VerU32();
+  if (directNew_) {
+    slot.ref.store(slot.ref.load(Mem::relaxed).next(before.value), Mem::release);
+  }
+  ++counters_.directCommits;
+  const std::uint32_t flags = slot.flags.load(Mem::relaxed);
+  if ((flags & kOccupied) != 0) {
+    // [W1] and [W2], as in storeValue(); the caller has filled in `lookaside`.
+    slot.flags.store(flags + 2, Mem::release);
+    Value value;
+    slots_.header()->lookaside.value.copyOut(&value);
+    slot.value.copyIn(&value);
+    slot.flags.store(flags + 4, Mem::release);
+  } else {
+    slot.flags.store((flags + 4) | kOccupied, Mem::release);
+  }
+  directSlot_ = kNoSlot;
+  // [W5], as in write().
+  if (directNew_) directRef_->store(before.next(index), Mem::release);
+  directNew_ = false;
+  conquer_.notify(index);
+  requireFiles();
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::requireNoDirectWrite(const char* operation) const {
+  if (directSlot_ == kNoSlot) [[likely]]
+    return;
+  raise<Sable::RuntimeException>("QuillWriter::", operation, "() while a direct write of slot ",
+                                 directSlot_, " is open");
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::abandonDirectWrite() noexcept {
+  // A slot that no link leads to would belong to no list, and cost the table at the next attach.
+  if (directSlot_ != kNoSlot && directNew_) slots_.free(directSlot_);  // an index that alloc() gave
+  directSlot_ = kNoSlot;
+  directNew_ = false;
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::requireFiles() const {
+  if (slots_.mem().truncated() || buckets_.mem().truncated() || conquer_.truncated()) [[unlikely]] {
+    filesTruncated();
+  }
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::filesTruncated() const {
+  raise<CorruptionDetectedException>("QuillWriter: a file of ", rootPath(),
+                                     " became shorter than its mapping");
+}
+
+template <class Key, class Value>
+const Value& QuillWriter<Key, Value>::lookup(const Key& key, bool& found) const {
+  found = false;
+  const std::uint32_t bucket = bucketOf(key);
+  const SlotRef* link = buckets_.getRef(bucket);
+  std::uint32_t steps = 0;
+  std::uint32_t index;
+  while ((index = link->load(Mem::relaxed).value) != kNoSlot) {
+    const Slot<Value>& slot = slotOnChain(index, bucket, steps, kLookupNames);
+    const Key slotKey = keyAt(slot);
+    if (!(slotKey < key)) {
+      if (key < slotKey) break;
+      found = true;
+      return *valueIn(slot);
+    }
+    link = &slot.ref;
+  }
+  return this->emptyValue_;
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::handOut(std::uint32_t slot, Value& value) const {
+  validator_->markOccupied(slot);
+  slots_.slots()[slot].value.copyOut(&value);
+}
+
+template <class Key, class Value>
+bool QuillWriter<Key, Value>::first(std::uint32_t bucket, Value& value, IterHint& hint) const {
+  for (; bucket < buckets_.numBuckets(); ++bucket) {
+    const std::uint32_t index = buckets_.getRef(bucket)->load(Mem::relaxed).value;
+    if (index == kNoSlot) continue;
+    const Slot<Value>& slot = slots_.slots()[index];
+    if (!isOccupied(slot)) {
+      raise<CorruptionDetectedException>("QuillWriter::first() slot: ", index,
+                                         " from bucket: ", bucket, " not marked as occupied");
+    }
+    if (bucketOf(keyAt(slot)) != bucket) {
+      raise<CorruptionDetectedException>("QuillWriter::first() corrupt key detected, slot: ",
+                                         index);
+    }
+    handOut(index, value);
+    hint = {index, bucket};
+    return true;
+  }
+  return false;
+}
+
+template <class Key, class Value>
+bool QuillWriter<Key, Value>::next(const Key& key, Value& value, IterHint& hint) const {
+  std::uint32_t steps = 0;
+  if (hint.slot < capacity() && hint.bucket < buckets_.numBuckets()) {
+    const Slot<Value>& slot = slots_.slots()[hint.slot];
+    if (isOccupied(slot) && keyAt(slot) == key) {
+      const std::uint32_t index = slot.ref.load(Mem::relaxed).value;
+      if (index == kNoSlot) return first(hint.bucket + 1, value, hint);
+      static_cast<void>(slotOnChain(index, hint.bucket, steps, kFindNames));
+      handOut(index, value);
+      hint.slot = index;
+      return true;
+    }
+  }
+  const std::uint32_t bucket = bucketOf(key);
+  const SlotRef* link = buckets_.getRef(bucket);
+  std::uint32_t index;
+  while ((index = link->load(Mem::relaxed).value) != kNoSlot) {
+    const Slot<Value>& slot = slotOnChain(index, bucket, steps, kNextNames);
+    if (key < keyAt(slot)) {
+      handOut(index, value);
+      hint = {index, bucket};
+      return true;
+    }
+    link = &slot.ref;
+  }
+  return first(bucket + 1, value, hint);
+}
+
+}  // namespace Quill
