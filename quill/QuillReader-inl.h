@@ -114,28 +114,16 @@ unsigned QuillReader<KEY, VALUE>::maxSize() const {
 // --- the step around every reading operation
 
 template <class KEY, class VALUE>
-template <class Attempt, class Again>
-[[gnu::always_inline]] inline decltype(auto) QuillReader<KEY, VALUE>::believed(
-    const Attempt& attempt, const Again& again) const {
-  try {
-    decltype(auto) result = attempt();
-    if (!unsettled()) [[likely]]
-      return result;
-    if (!settle()) return result;
-  } catch (const CorruptionDetectedException& damage) {
-    afterDamage(damage);
-  }
-  return [&]() __attribute__((noinline, cold))->decltype(auto) {
-    for (;;) {
-      try {
-        decltype(auto) result = again();
-        if (!settle()) return result;
-      } catch (const CorruptionDetectedException& damage) {
-        afterDamage(damage);
-      }
+template <class Attempt>
+decltype(auto) QuillReader<KEY, VALUE>::believed(const Attempt& attempt) const {
+  for (;;) {
+    try {
+      decltype(auto) result = attempt();
+      if (!unsettled() || !settle()) return result;
+    } catch (const CorruptionDetectedException& damage) {
+      afterDamage(damage);
     }
   }
-  ();
 }
 
 template <class KEY, class VALUE>
@@ -178,9 +166,22 @@ template <class KEY, class VALUE>
 const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
   // A copy: the key may lie in the value that the last operation answered.
   const KEY own = key;
-  return believed(
-      [&]() __attribute__((always_inline))->const VALUE& { return find(own, found); },
-      [&]() -> const VALUE& { return doLookup(own, found); });
+  // believed() by hand: what comes after the common path is elsewhere, and takes copies.
+  try {
+    const VALUE& result = find(own, found);
+    if (!unsettled()) [[likely]]
+      return result;
+    settle();
+  } catch (const CorruptionDetectedException& damage) {
+    afterDamage(damage);
+  }
+  return lookupAgain(own, found);
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] const VALUE& QuillReader<KEY, VALUE>::lookupAgain(KEY key,
+                                                                               bool& found) const {
+  return believed([&]() -> const VALUE& { return doLookup(key, found); });
 }
 
 template <class KEY, class VALUE>

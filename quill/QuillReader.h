@@ -94,14 +94,9 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
     bool changed() const noexcept;
   };
 
-  // The step around every reading operation. `attempt` is the common path, inlined; `again` is
-  // what is done after a growth.
-  template <class Attempt, class Again>
-  decltype(auto) believed(const Attempt& attempt, const Again& again) const;
+  // The step around every reading operation.
   template <class Attempt>
-  decltype(auto) believed(const Attempt& attempt) const {
-    return believed(attempt, attempt);
-  }
+  decltype(auto) believed(const Attempt& attempt) const;
   // False while nobody has changed the size of a file.
   bool unsettled() const noexcept;
   // True: the table has grown, what was read is thrown away. Raises if a file became shorter.
@@ -114,6 +109,7 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   [[noreturn]] void raiseFree(const char* text, std::uint32_t slot, KEY key) const;
 
   const VALUE& find(const KEY& key, bool& found) const;
+  const VALUE& lookupAgain(KEY key, bool& found) const;
   bool doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const;
   // False: the hint does not hold.
   bool hintedNext(const KEY& key, VALUE& value, IterHint& hint, bool& answer) const;
