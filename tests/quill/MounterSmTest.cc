@@ -66,6 +66,18 @@ class MounterSmTest : public TableTest {
   std::unique_ptr<Quill::MounterSm> sut_;
 };
 
+// The watches of all inotify instances of this process.
+unsigned watches() {
+  unsigned count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    std::ifstream file(entry.path());
+    for (std::string line; std::getline(file, line);) {
+      if (line.starts_with("inotify wd:")) ++count;
+    }
+  }
+  return count;
+}
+
 class MounterSmFileTest : public MounterSmTest, public testing::WithParamInterface<const char*> {};
 
 }  // namespace
@@ -306,6 +318,21 @@ TEST_F(MounterSmTest, WatchMayBeDestroyedByWhatItTellsAndThenRaises) {
   fileIs("kick");
   EXPECT_EQ(Names{"directory"}, told());
   EXPECT_EQ(Lines{"Table " + path_ + ": after a change of \"directory\": text"}, log_.texts());
+}
+
+TEST_F(MounterSmTest, WatchesOfFormerDirectoriesAreGivenUp) {
+  watchIs();
+  EXPECT_EQ(1U, watches());
+  for (int i = 0; i < 3; ++i) {
+    makeTable();
+    turn();
+    EXPECT_EQ(2U, watches());
+    std::filesystem::rename(path_, root_.path() + "/keptTable" + std::to_string(i));
+    turn();
+    EXPECT_EQ(1U, watches());
+  }
+  sut_.reset();
+  EXPECT_EQ(0U, watches());
 }
 
 TEST_F(MounterSmTest, NothingIsDoneWhileNothingChanges) {

@@ -25,6 +25,7 @@ class Reader : public Quill::ReaderKickSm {
     ++batches;
     yielded_ = yields > 0;
     if (yields > 0) --yields;
+    if (newest != nullptr) sequence = *newest;
     const auto answer = sequence;
     const auto batch = inBatch;  // may destroy this object
     if (batch) batch();
@@ -42,6 +43,7 @@ class Reader : public Quill::ReaderKickSm {
   }
   void handleEnabled() override { doConquer(); }
 
+  using ReaderKickSm::fdEvent;
   void enabledIs(bool enabled) { enabled_ = enabled; }
   bool stopped() const { return stopFlag_; }
 
@@ -49,6 +51,7 @@ class Reader : public Quill::ReaderKickSm {
   unsigned acks = 0;
   unsigned yields = 0;  // batches that are to end for their time limit
   std::uint64_t sequence = 0;
+  const std::uint64_t* newest = nullptr;  // what a batch comes up to, if not `sequence`
   std::vector<bool> connectedEvents;
   std::function<void()> inBatch;
   std::function<void()> onConnected;
@@ -297,6 +300,24 @@ TEST_F(ReaderKickSmTest, BatchThatGaveWayIsFollowedByAnotherWithoutTimePassing) 
   EXPECT_EQ(sequenceBytes(5), writer_.received());
   EXPECT_EQ(sleepBytes(6), writer_.received());
   EXPECT_EQ("", writer_.received());
+}
+
+TEST_F(ReaderKickSmTest, NotificationsOffLeaveNoBatchWaiting) {
+  followIs(3);
+  sut_->yields = 1;
+  writer_.send(kick(4));
+  turns(1);
+  sut_->notifying(false);
+  EXPECT_FALSE(loop_.runTurn());
+  EXPECT_EQ(1U, sut_->batches);
+}
+
+TEST_F(ReaderKickSmTest, EventOfAnotherDescriptorMeansNothing) {
+  followIs(3);
+  sut_->fdEvent(-1);
+  sut_->fdEvent(listening_.fd());
+  turns();
+  EXPECT_TRUE(sut_->connected());
 }
 
 TEST_F(ReaderKickSmTest, BatchInsideABatchRunsAfterwards) {
@@ -577,6 +598,18 @@ TEST_F(ReaderKickSmTest, ObjectMayBeDestroyedWhenItsConnectionIsLost) {
   EXPECT_EQ(nullptr, sut_);
 }
 
+TEST_F(ReaderKickSmTest, ObjectMayBeDestroyedByTheNewsOfALossThatRaises) {
+  followIs(3);
+  sut_->onConnected = [this] {
+    sut_.reset();
+    throw Quill::CorruptionDetectedException("damaged");
+  };
+  writer_.hangUp();
+  turns();
+  EXPECT_EQ(nullptr, sut_);
+  EXPECT_EQ(Lines(), log_.texts());
+}
+
 TEST_F(ReaderKickSmTest, ObjectMayBeDestroyedByTheAnswer) {
   listen();
   sut_->doConnect();
@@ -658,7 +691,7 @@ TEST_F(ReaderKickSmTest, NoChangeIsSleptThrough) {
   writer.createKickSocket();
   writer.doEnableListen();
   std::uint64_t newest = 0;
-  sut_->inBatch = [this, &newest] { sut_->sequence = newest; };
+  sut_->newest = &newest;
   sut_->onAck = [this] {
     sut_->enabledIs(true);
     sut_->handleEnabled();
@@ -674,8 +707,8 @@ TEST_F(ReaderKickSmTest, NoChangeIsSleptThrough) {
     turns(1 + i % 4);
   }
   loop_.runFor(0.0);
-  sut_->inBatch = nullptr;
   EXPECT_EQ(newest, writer.lowestSequence());
+  EXPECT_GT(writer.kicks(), 100U);
   EXPECT_EQ(1U, writer.connectedReaders());
   EXPECT_EQ(Lines(), log_.texts());
 }

@@ -336,6 +336,35 @@ TEST_F(WriterKickSmTest, SleeperIsKickedOnceForAnyNumberOfChanges) {
   EXPECT_EQ(kick(2), peer.received());
   EXPECT_EQ("", peer.received());
   EXPECT_EQ(1U, sut_.kicks());
+  peer.send(sleepBytes(2));
+  turns();
+  sut_.change();
+  EXPECT_EQ(kick(3), peer.received());
+  EXPECT_EQ(2U, sut_.kicks());
+}
+
+TEST_F(WriterKickSmTest, SleepThatIsSaidTwiceIsOneSleep) {
+  startIs();
+  const KickPeer peer = reader(0);
+  peer.send(sleepBytes(0));
+  peer.send(sleepBytes(0));
+  turns();
+  sut_.change();
+  EXPECT_EQ(kick(1), peer.received());
+  EXPECT_EQ("", peer.received());
+  EXPECT_EQ(1U, sut_.kicks());
+}
+
+TEST_F(WriterKickSmTest, SleeperThatHasGoneIsNotKicked) {
+  startIs();
+  KickPeer peer = reader(0);
+  peer.send(sleepBytes(0));
+  turns();
+  peer.hangUp();
+  turns();
+  sut_.change();
+  EXPECT_EQ(0U, sut_.kicks());
+  EXPECT_EQ(0U, sut_.connectedReaders());
 }
 
 TEST_F(WriterKickSmTest, ReaderThatWouldSleepThroughAChangeIsKickedAtOnce) {
