@@ -102,7 +102,7 @@ TEST_F(QuillShadowResyncTest, APrunedQueueLeadsToAResyncThatNotifiesWhatDiffers)
   EXPECT_EQ(keys, (Keys{1, 2, 3, 99}));
   EXPECT_EQ(contentOf(*shadow_), contentOf(*writer_));
   EXPECT_EQ(shadow_->sequence(), 423U);
-  EXPECT_EQ(counters().syncedSequence, 423U);
+  EXPECT_EQ(+counters().syncedSequence, 423U);
   write(5, 55);
   settle();
   EXPECT_EQ(notified(), Keys{5}) << "and it follows again";

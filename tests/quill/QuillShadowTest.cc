@@ -47,7 +47,7 @@ TEST_F(QuillShadowTest, AFullTableIsCopiedAndEveryKeyNotifiedBeforeInitializeRet
   EXPECT_EQ(contentOf(*shadow_), contentOf(*writer_));
   EXPECT_EQ(shadow_->members(), 49U);
   EXPECT_EQ(shadow_->sequence(), 51U);
-  EXPECT_EQ(counters().syncedSequence, 51U);
+  EXPECT_EQ(+counters().syncedSequence, 51U);
   EXPECT_EQ(counters().shadowGrows, 1U) << "the first visit grows to the full size";
   EXPECT_EQ(shadow_->type(), Quill::QuillType::shadow);
   EXPECT_EQ(shadow_->maxSize(), 100U);
