@@ -282,7 +282,6 @@ TEST_F(QuillShadowTest, AfterDetachEveryKeyWasRemovedAndThereAreNoMembers) {
   EXPECT_TRUE(contentOf(*shadow_).empty());
   EXPECT_TRUE(traces.has("Syncer::notifying() notifying: 0\n"));
   EXPECT_TRUE(traces.has("QuillShadow::detach() detached\n"));
-  traces.text();
   shadow_->detach();
   EXPECT_TRUE(traces.has("QuillShadow::detach() already detached\n"));
   EXPECT_EQ(notified(), Keys{});
