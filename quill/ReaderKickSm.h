@@ -33,7 +33,8 @@ class ReaderKickSm : private Sable::Platform::TimeoutHandler {
  public:
   // Seconds: after a batch that failed, after a report for which the socket had no room, and from a
   // connection that ended without the writer's answer to the next one. Without the last of them a
-  // reader that is refused would go round with its mounter for ever.
+  // reader that is refused would go round with its mounter for ever. An attempt that comes too
+  // early for it is made up for: handleConnected() is called again when the time is over.
   static constexpr double kRetryTime = 1.0;
 
   ReaderKickSm(const ReaderKickSm&) = delete;
