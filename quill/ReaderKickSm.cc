@@ -253,8 +253,11 @@ ReaderKickSm::~ReaderKickSm() = default;
 bool ReaderKickSm::ready() const noexcept { return connection_ != nullptr; }
 
 void ReaderKickSm::doConnect() {
-  if (!ready() || connected_ || !connection_->open()) return;
-  handleConnected();
+  if (!ready() || connected_) return;
+  if (connection_->open()) return handleConnected();
+  // There may have been a writer in the meantime, or the last one may have gone before its news
+  // were read: the queue still has them.
+  if (mayRun()) connection_->timer().arm(kCatchUpTime);
 }
 
 void ReaderKickSm::sendSequence(const std::uint64_t& sequence) {

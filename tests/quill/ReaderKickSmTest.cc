@@ -449,6 +449,20 @@ TEST_F(ReaderKickSmTest, AnAttemptThatComesTooEarlyIsMadeUpFor) {
   EXPECT_EQ((std::vector<bool>{true, false, false, true}), sut_->connectedEvents);
 }
 
+TEST_F(ReaderKickSmTest, WithoutAWriterABatchReadsWhatTheLastOneLeft) {
+  followIs(3);
+  listening_ = {};
+  writer_.hangUp();
+  turns();
+  EXPECT_FALSE(sut_->connected());
+  sut_->doConnect();
+  EXPECT_EQ(0U, sut_->batches) << "a writer that is just coming may give the table up";
+  loop_.runFor(0.06);
+  EXPECT_EQ(1U, sut_->batches);
+  loop_.runFor(100.0);
+  EXPECT_EQ(1U, sut_->batches);
+}
+
 TEST_F(ReaderKickSmTest, AClosedConnectionMakesUpForNothing) {
   sut_->onConnected = [this] {
     if (!sut_->connected()) sut_->doConnect();
