@@ -9,10 +9,14 @@
 // Invariants:
 //  1. No batch begins while the reader is not enabled or notifications are off.
 //  2. Before the reader sleeps it has looked at the whole queue, and the writer kicks at once if it
-//  has
-//     added to the queue since: no change is slept through.
+//     has added to the queue since: no change is slept through.
 //  3. After a batch that ended for its time limit another runs in a coming turn of the loop.
-//  4. What a batch raises ends here: the damage has been reported by then.
+//  4. What a batch raises as a Sable::Exception ends here, with a log line; damage has been
+//  reported
+//     by then, and after anything else another batch is tried after kRetryTime.
+//  5. Every event, of the pure operations below as well, may close the connection, end the
+//     notifications or destroy the object.
+//  6. What is reported on one connection never goes back.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +31,11 @@ namespace Quill {
 
 class ReaderKickSm : private Sable::Platform::TimeoutHandler {
  public:
+  // Seconds: after a batch that failed, after a report for which the socket had no room, and from a
+  // connection that ended without the writer's answer to the next one. Without the last of them a
+  // reader that is refused would go round with its mounter for ever.
+  static constexpr double kRetryTime = 1.0;
+
   ReaderKickSm(const ReaderKickSm&) = delete;
   ReaderKickSm& operator=(const ReaderKickSm&) = delete;
   virtual ~ReaderKickSm();
@@ -71,11 +80,18 @@ class ReaderKickSm : private Sable::Platform::TimeoutHandler {
 
  private:
   class Connection;
+  class Batch;
+
+  bool mayRun() const noexcept { return enabled_ && notifying_; }
 
   Sable::Platform::DebugHandler& kickHandler_;
   const RootPath& kickRoot_;
-  Reader::Counters& kickCounters_;
-  std::unique_ptr<Connection> connection_;
+  bool notifying_ = true;
+  bool running_ = false;                    // inside a batch
+  std::unique_ptr<Connection> connection_;  // null: no loop
+  // Expires with this object: how a function that has called out finds out whether it still may
+  // touch anything.
+  std::shared_ptr<const char> life_;
 };
 
 }  // namespace Quill

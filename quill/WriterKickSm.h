@@ -8,16 +8,16 @@
 // Invariants:
 //  1. While no reader sleeps, doKickSleepers() is one comparison.
 //  2. A reader is sent one kick for each time that it said it sleeps, whatever the number of
-//  changes.
+//     changes.
 //  3. A reader that breaks the protocol, or whose socket is full, is dropped with a log line; what
-//  it
-//     had reported is forgotten.
+//     it had reported is forgotten.
 //  4. The writer lock is held from createKickSocket() to deleteKickSocket().
 #pragma once
 
 #include <cstdint>
 #include <memory>
 
+#include "quill/KickSocket.h"
 #include "quill/RootPath.h"
 #include "runtime/sable/Platform.h"
 #include "runtime/vex/ActivityManager.h"
@@ -87,11 +87,16 @@ class WriterKickSm : private Sable::Platform::TimeoutHandler {
   class Readers;
   class WaitingForReaders;
   void kickSleepers();
+  void makeSocket();
 
   Sable::Platform::DebugHandler& kickHandler_;
   const RootPath& kickRoot_;
   const bool kickLocal_;
   int lock_ = -1;
+  KickDescriptor listening_;
+  // The file of the socket, to know it again.
+  std::uint64_t socketDevice_ = 0;
+  std::uint64_t socketInode_ = 0;
   unsigned connected_ = 0;
   unsigned sleepers_ = 0;
   std::uint64_t kicks_ = 0;

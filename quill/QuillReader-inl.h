@@ -1,0 +1,365 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// Bodies of QuillReader.h.
+#pragma once
+
+#include "quill/Exceptions.h"
+#include "quill/FenixFile.h"
+#include "quill/QuillReader.h"
+#include "quill/Text.h"
+#include "quill/Util.h"
+
+namespace Quill {
+
+template <class KEY, class VALUE>
+QuillReader<KEY, VALUE>::QuillReader(Sable::Platform::DebugHandler& handler, const char* fullName)
+    : QuillBase<KEY, VALUE>(handler),
+      root_(handler, fullName, true),
+      buckets_(handler, root_),
+      slots_(handler, root_, counters_) {}
+
+template <class KEY, class VALUE>
+QuillReader<KEY, VALUE>::~QuillReader() {
+  detach();
+}
+
+// --- attaching
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::initialize() {
+  if (!Mem::Atomics::checkCpuSupport()) {
+    this->trace(7, [](std::ostream& os) { os << "Hardware does not support Atomics"; });
+    raise<Sable::InvalidInitializeException>("Hardware does not support Atomics");
+  }
+  if (this->initialized_) return true;
+  if (!attach()) {
+    unmap();
+    return false;
+  }
+  this->initialized_ = true;
+  this->trace(7, [&](std::ostream& os) {
+    os << "QuillReader::initialize() success " << root_.rootPath() << " capacity: " << capacity()
+       << " fenixId: " << fenix_;
+  });
+  return true;
+}
+
+// The files are mapped before the id is read, and both must agree with it: a writer that formats
+// them meanwhile makes a validation fail, and no reader has files of two generations.
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::attach() {
+  const auto failed = [this](const char* what) {
+    this->trace(7, [&](std::ostream& os) { os << "QuillReader::initialize() " << what; });
+    return false;
+  };
+  if (!buckets_.attach()) return failed("buckets.attach() failed");
+  if (!slots_.attach()) return failed("slots attach() failed");
+  fenix_ = FenixFile::read(this->debugHandler(), root_.rootPath());
+  if (fenix_ == 0) {
+    this->trace(7, [&](std::ostream& os) {
+      os << "QuillReader::initialize(): " << root_.rootPath() << " failed to read fenix file";
+    });
+    return false;
+  }
+  std::string message;
+  // By the size of the mapping: the file may have become longer since, which nobody has mapped.
+  if (!buckets_.header()->validate(buckets_.mem().size(), fenix_, message)) {
+    failed("buckets.validate() failed");
+    Util::writeCorruptionFile(this->debugHandler(), root_.rootPath(), message);
+    return false;
+  }
+  // [B1] Constant since before the id was written to disk.
+  buckets_.numBucketsIs(buckets_.header()->numBuckets.load(Mem::relaxed));
+  if (!slots_.validate(fenix_, message)) {
+    failed("slots validate() failed");
+    Util::writeCorruptionFile(this->debugHandler(), root_.rootPath(), message);
+    return false;
+  }
+  return true;
+}
+
+template <class KEY, class VALUE>
+void QuillReader<KEY, VALUE>::unmap() {
+  buckets_.detach();
+  slots_.detach();
+}
+
+template <class KEY, class VALUE>
+void QuillReader<KEY, VALUE>::detach() {
+  if (!this->initialized_) {
+    this->trace(7, [](std::ostream& os) { os << "QuillReader::detach() already detached"; });
+    return;
+  }
+  unmap();
+  this->initialized_ = false;
+  this->trace(7, [&](std::ostream& os) {
+    os << "QuillReader::detach() " << root_.rootPath() << " detached";
+  });
+}
+
+template <class KEY, class VALUE>
+unsigned QuillReader<KEY, VALUE>::members() const {
+  // Relaxed: a number that changes as it is read.
+  return this->initialized_ ? slots_.header()->occupiedSlots.load(Mem::relaxed) : 0;
+}
+
+template <class KEY, class VALUE>
+unsigned QuillReader<KEY, VALUE>::maxSize() const {
+  // [B1] Constant in a generation.
+  return this->initialized_ ? slots_.header()->maxSlots.load(Mem::relaxed) : 0;
+}
+
+// --- the step around every reading operation
+
+// The attempt stands in a try block of its own size: on the common path that costs nothing, and
+// what is believed is decided outside of it.
+template <class KEY, class VALUE>
+template <class Attempt>
+[[gnu::always_inline]] inline decltype(auto) QuillReader<KEY, VALUE>::believed(
+    const Attempt& attempt) const {
+  for (;;) {
+    try {
+      decltype(auto) result = attempt();
+      if (!slots_.doResize()) [[likely]] {
+        checkTruncated();
+        return result;
+      }
+    } catch (const CorruptionDetectedException& damage) {
+      afterDamage(damage);
+    }
+  }
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] void QuillReader<KEY, VALUE>::afterDamage(
+    const CorruptionDetectedException& damage) const {
+  if (slots_.doResize()) return;
+  checkTruncated();
+  throw CorruptionDetectedException(damage.msg());
+}
+
+template <class KEY, class VALUE>
+[[gnu::always_inline]] inline void QuillReader<KEY, VALUE>::checkTruncated() const {
+  slots_.checkTruncated();
+  if (buckets_.mem().truncated()) [[unlikely]] {
+    raise<CorruptionDetectedException>("BucketReader: ", buckets_.mem().getFilename(),
+                                       " became shorter than its mapping");
+  }
+}
+
+template <class KEY, class VALUE>
+const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
+  // A copy: the key may lie in the value that the last operation answered.
+  const KEY own = key;
+  return believed([&]() -> const VALUE& { return doLookup(own, found); });
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::first(std::uint32_t bucket, VALUE& value, IterHint& hint) const {
+  return believed([&] { return doFirst(bucket, value, hint); });
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::next(const KEY& key, VALUE& value, IterHint& hint) const {
+  // Copies: a result that is discarded must leave the question as it was.
+  const KEY after = key;
+  IterHint at;
+  const bool found = believed([&] {
+    at = hint;
+    return doNext(after, value, at);
+  });
+  hint = at;
+  return found;
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::getValue(std::uint32_t slot, VALUE& value) const {
+  return believed([&] { return (slots_.read(slots_.slot(slot), value) & kOccupied) != 0; });
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::getKey(std::uint32_t slot, KEY& key) const {
+  return believed([&] { return (slots_.read(slots_.slot(slot), key) & kOccupied) != 0; });
+}
+
+// --- walking
+
+template <class KEY, class VALUE>
+[[gnu::always_inline]] inline QuillReader<KEY, VALUE>::Position::Position(
+    const SlotRef* from) noexcept
+    : link(from),
+      // [L1] Acquire: the slot that the link leads to was complete before the link was stored.
+      // Pairs with the release of every link in QuillWriter and SlotWriterTable.
+      word(from->load(Mem::acquire)) {}
+
+template <class KEY, class VALUE>
+[[gnu::always_inline]] inline bool QuillReader<KEY, VALUE>::Position::changed() const noexcept {
+  // Relaxed: behind the acquires of [L2] and [L3]. Whoever saw a byte of the slot's next use sees
+  // here the store that took the slot from this chain.
+  return link->version(Mem::relaxed) != word.version;
+}
+
+template <class KEY, class VALUE>
+const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) const {
+  found = false;
+  const std::uint32_t numBuckets = buckets_.numBuckets();
+  if (numBuckets == 0) [[unlikely]] {
+    this->trace(7, [](std::ostream& os) { os << "QuillReader::doLookup() bucket table detached"; });
+    return this->emptyValue_;
+  }
+  const std::uint32_t bucket = key.hash() % numBuckets;
+  for (;; ++counters_.readRetries) {
+    Position at(buckets_.getRef(bucket));
+    for (std::uint32_t count = 1; at.word.value != kNoSlot; ++count) {
+      if (count > capacity()) [[unlikely]] {
+        raise<CorruptionDetectedException>(
+            "QuillReader::doLookup() hash chain cycle detected, slotCount:", count,
+            " capacity:", capacity());
+      }
+      const Slot<VALUE>& slot = slots_.slot(at.word.value);
+      const std::uint32_t flags = slots_.read(slot, scratch_);
+      if ((flags & kOccupied) == 0) [[unlikely]] {
+        if (at.changed()) break;
+        raise<CorruptionDetectedException>("QuillReader::doLookup() slot:", at.word.value,
+                                           " not marked as occupied key:", key);
+      }
+      const KEY stored = keyOf<KEY>(scratch_);
+      if (stored < key) {
+        const Position next(&slot.ref);
+        if (at.changed()) [[unlikely]]
+          break;
+        at = next;
+        continue;
+      }
+      if (at.changed()) [[unlikely]]
+        break;
+      if (key < stored) return this->emptyValue_;
+      found = true;
+      return scratch_;
+    }
+    if (at.word.value == kNoSlot) return this->emptyValue_;
+  }
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const {
+  const std::uint32_t numBuckets = buckets_.numBuckets();
+  while (bucket < numBuckets) {
+    const Position at(buckets_.getRef(bucket));
+    if (at.word.value == kNoSlot) {
+      ++bucket;
+      continue;
+    }
+    const std::uint32_t flags = slots_.read(slots_.slot(at.word.value), value);
+    if (at.changed()) [[unlikely]] {
+      ++counters_.readRetries;
+      continue;
+    }
+    const KEY key = keyOf<KEY>(value);
+    if ((flags & kOccupied) == 0) [[unlikely]] {
+      raise<CorruptionDetectedException>("QuillReader::first() slot:", at.word.value,
+                                         " not marked as occupied key:", key);
+    }
+    if (key.hash() % numBuckets != bucket) [[unlikely]] {
+      raise<CorruptionDetectedException>("QuillReader::first() corrupt key detected, key:", key,
+                                         " bucket:", bucket);
+    }
+    hint = {at.word.value, bucket};
+    return true;
+  }
+  this->trace(9, [](std::ostream& os) { os << "QuillReader::first() none found!"; });
+  value = this->emptyValue_;
+  return false;
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::doNext(const KEY& key, VALUE& value, IterHint& hint) const {
+  const std::uint32_t numBuckets = buckets_.numBuckets();
+  if (numBuckets == 0) [[unlikely]] {
+    this->trace(7, [](std::ostream& os) { os << "QuillReader::doNext() bucket table detached"; });
+    return false;
+  }
+  if (hint.slot < capacity() && hint.bucket < numBuckets) {
+    bool answer = false;
+    if (hintedNext(key, value, hint, answer)) return answer;
+  }
+  ++counters_.nextHintMisses;
+  return walkToNext(key, value, hint);
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint& hint,
+                                         bool& answer) const {
+  const Slot<VALUE>& hinted = slots_.slot(hint.slot);
+  const Position at(&hinted.ref);
+  KEY own;
+  const std::uint32_t ownFlags = slots_.read(hinted, own);
+  if ((ownFlags & kOccupied) == 0 || own < key || key < own) return false;
+  if (at.word.value == kNoSlot) {
+    answer = doFirst(hint.bucket + 1, value, hint);
+    return true;
+  }
+  const std::uint32_t flags = slots_.read(slots_.slot(at.word.value), scratch_);
+  if (at.changed()) [[unlikely]]
+    return false;
+  if ((flags & kOccupied) == 0) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillReader::doNext() slot:", at.word.value,
+                                       " not marked as occupied key:", key);
+  }
+  const KEY stored = keyOf<KEY>(scratch_);
+  if (stored.hash() % buckets_.numBuckets() != hint.bucket) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillReader::doNext() corrupt key detected key:", stored,
+                                       " bucketIndex ", hint.bucket);
+  }
+  // A chain that does not ascend is damaged: the walk finds its cycle, so that an iteration over
+  // any bytes comes to an end.
+  if (!(key < stored)) [[unlikely]]
+    return false;
+  value = scratch_;
+  hint.slot = at.word.value;
+  answer = true;
+  return true;
+}
+
+template <class KEY, class VALUE>
+bool QuillReader<KEY, VALUE>::walkToNext(const KEY& key, VALUE& value, IterHint& hint) const {
+  const std::uint32_t numBuckets = buckets_.numBuckets();
+  const std::uint32_t bucket = key.hash() % numBuckets;
+  for (;; ++counters_.readRetries) {
+    Position at(buckets_.getRef(bucket));
+    for (std::uint32_t count = 1; at.word.value != kNoSlot; ++count) {
+      if (count > capacity()) [[unlikely]] {
+        raise<CorruptionDetectedException>(
+            "QuillReader::doNext() hash chain cycle detected, slotCount:", count,
+            " capacity:", capacity());
+      }
+      const Slot<VALUE>& slot = slots_.slot(at.word.value);
+      const std::uint32_t flags = slots_.read(slot, scratch_);
+      if ((flags & kOccupied) == 0) [[unlikely]] {
+        if (at.changed()) break;
+        raise<CorruptionDetectedException>("QuillReader::doNext() slot:", at.word.value,
+                                           " not marked as occupied key:", key);
+      }
+      const KEY stored = keyOf<KEY>(scratch_);
+      if (!(key < stored)) {
+        const Position next(&slot.ref);
+        if (at.changed()) [[unlikely]]
+          break;
+        at = next;
+        continue;
+      }
+      if (at.changed()) [[unlikely]]
+        break;
+      if (stored.hash() % numBuckets != bucket) [[unlikely]] {
+        raise<CorruptionDetectedException>(
+            "QuillReader::doNext() corrupt key detected key:", stored, " bucketIndex:", bucket);
+      }
+      value = scratch_;
+      hint = {at.word.value, bucket};
+      return true;
+    }
+    if (at.word.value == kNoSlot) return doFirst(bucket + 1, value, hint);
+  }
+}
+
+}  // namespace Quill
