@@ -18,7 +18,8 @@ class Parser {
     app_.set_help_flag("-h,--help", "Print this help and leave");
     app_.add_option("--root", arguments_.root, "Directory of the tables")
         ->type_name("DIR")
-        ->default_str(Quill::defaultRoot());
+        ->default_str(Quill::defaultRoot())
+        ->take_last();
     // Without the override a flag takes no value: "--json=no" is an error, not the opposite.
     app_.add_flag("--json", arguments_.json, "Print JSON")->disable_flag_override();
     app_.require_subcommand(1);

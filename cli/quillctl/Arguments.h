@@ -10,7 +10,7 @@ namespace Quillctl {
 
 // What was given, as text; empty where nothing was. Numbers and keys are read by the commands.
 struct Arguments {
-  std::string root;     // absolute
+  std::string root;     // absolute; the last one that was given
   std::string command;  // the name of the subcommand
   std::string table;
   std::string type;

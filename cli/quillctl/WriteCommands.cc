@@ -52,12 +52,22 @@ void requireFinished(Writing<Value>& writing, std::size_t wanted) {
   }
 }
 
+void reportCreated(Session& session, const TableFacts& facts, bool existed) {
+  if (session.arguments().json) {
+    session.out() << lineOf({{"table", printable(facts.name)}, {"created", !existed}});
+  } else {
+    session.out() << "table " << printable(facts.name) << (existed ? " exists" : " created")
+                  << '\n';
+  }
+}
+
 template <class Value>
 void createOf(Session& session, std::uint32_t size) {
   const std::string path = session.tablePath();
   TableFacts facts(session.handler(), path);
   const std::string name = "table " + inQuotes(session.arguments().table);
-  if (facts.exists()) {
+  const bool existed = facts.exists();
+  if (existed) {
     facts = session.knownFacts();
     if (facts.slots.valueType != Value::kTypeName || facts.slots.maxSlots != size) {
       throw Failure(ExitStatus::refused, name + " exists, with the type " +
@@ -66,11 +76,28 @@ void createOf(Session& session, std::uint32_t size) {
     }
     requireWritable(session, facts);
   }
-  Writing<Value> writing(session, path, size, kClassType);
-  writing.report("written");
+  const Writing<Value> writing(session, path, size, kClassType);
+  reportCreated(session, facts, existed);
 }
 
 }  // namespace
+
+void serveReaders(Session& session) noexcept {
+  // A reader on the same machine connects within a millisecond, if it gets the processor.
+  constexpr double quiet = 0.05;
+  constexpr double longest = 0.5;
+  try {
+    const double begin = Vex::now();
+    for (double before = begin; before - begin < longest;) {
+      session.loop().runTurn(quiet);
+      const double after = Vex::now();
+      if (after - before >= quiet) return;
+      before = after;
+    }
+  } catch (const std::exception& exception) {
+    session.note(printable(exception.what()));
+  }
+}
 
 void requireWritable(Session& session, const TableFacts& facts) {
   const std::string name = "table " + inQuotes(session.arguments().table);

@@ -27,6 +27,11 @@ void requireWritable(Session& session, const TableFacts& facts);
 // Changes after which those who connect and sleep are looked after.
 inline constexpr std::uint32_t kChangesPerTurn = 256;
 
+// Serves the readers that connect, until none of them has wanted anything for a while or they have
+// had their time. A reader that is turned away before it was answered stays away for a second, and
+// learns of the changes only from the writer after that.
+void serveReaders(Session& session) noexcept;
+
 template <class Value>
 class Writing {
  public:
@@ -44,6 +49,9 @@ class Writing {
         writer_(session.handler(), path.c_str(), size, false, classType) {
     writer_.initialize();
   }
+  Writing(const Writing&) = delete;
+  Writing& operator=(const Writing&) = delete;
+  ~Writing() { serveReaders(session_); }
 
   void put(const Value& value) {
     writer_.write(value, true);
