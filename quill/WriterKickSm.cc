@@ -142,11 +142,9 @@ void WriterKickSm::doEnableListen() {
 
 void WriterKickSm::deleteKickSocket() noexcept {
   stopWaitingForReaders();
-  readers_.reset();
-  connected_ = 0;
-  sleepers_ = 0;
+  // The name goes first: a reader that is dropped tries again at once, and one that reached the
+  // socket on its last way would count as refused and miss the next writer.
   if (listening_.get() >= 0) {
-    listening_.reset();
     // Only this writer's own: where the directory was taken away and made anew by hand, another
     // writer may be at home in it.
     struct stat status {};
@@ -156,6 +154,10 @@ void WriterKickSm::deleteKickSocket() noexcept {
       kickRoot_.removeFile(kSocket);
     }
   }
+  readers_.reset();
+  connected_ = 0;
+  sleepers_ = 0;
+  listening_.reset();
   if (lock_ >= 0) Util::releaseWriterLock(kickHandler_, lock_);
   lock_ = -1;
 }
