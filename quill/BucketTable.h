@@ -87,7 +87,7 @@ class BucketWriterTable final : public BucketTable {
   [[noreturn]] void outOfRange(std::uint32_t index) const;
   void format(std::uint32_t fenix);
 
-  Writer::Counters* counters_;
+  [[maybe_unused]] Writer::Counters* counters_;
   std::uint32_t wanted_;  // heads for the table's size
 };
 

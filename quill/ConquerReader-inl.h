@@ -78,6 +78,9 @@ bool ConquerReader<KEY, VALUE, MAP>::initialize() {
   currentTable_ = {headers_[primary]->currentTable.version(Mem::relaxed) - 1, primary};
   current_ = tables_[primary];
   other_ = tables_[secondary];
+  lastSeq_ = 0;
+  passed_ = 0;
+  missed_ = false;
   doConnect();
   return true;
 }
@@ -203,7 +206,9 @@ bool ConquerReader<KEY, VALUE, MAP>::findPosition() {
         continue;
       }
       const bool exact = search(count);
+      const std::uint64_t newest = Detail::sequenceOf(notifications()[count - 1]);
       if (!swapped()) {
+        noteMissed(newest);
         trace(8, [&](std::ostream& os) {
           os << "ConquerReader::findPosition() " << (exact ? "mid" : "low")
              << " pos:" << currentPos_ << " sequence:" << lastSeq_;
@@ -216,6 +221,14 @@ bool ConquerReader<KEY, VALUE, MAP>::findPosition() {
     trace(8, [](std::ostream& os) { os << "ConquerReader::findPosition() conquerSwapped again"; });
   }
   return true;
+}
+
+template <class KEY, class VALUE, class MAP>
+void ConquerReader<KEY, VALUE, MAP>::noteMissed(std::uint64_t newest) noexcept {
+  // Acquire, of currentTable too, behind which minSeq is at least as new as the switch [Q3]. A
+  // minSeq above all sequences is none that a writer stores, and would never be reached.
+  const std::uint64_t minSeq = headers_[primary]->minSeq.load(Mem::acquire);
+  if (minSeq > std::max(lastSeq_, passed_) && minSeq <= newest) missed_ = true;
 }
 
 template <class KEY, class VALUE, class MAP>
@@ -271,7 +284,13 @@ std::uint64_t ConquerReader<KEY, VALUE, MAP>::latestSequence() {
 
 template <class KEY, class VALUE, class MAP>
 bool ConquerReader<KEY, VALUE, MAP>::doConquer(unsigned& consumed) {
-  if (!findPosition()) {
+  const bool known = findPosition();
+  if (missed_) {
+    shadow_->resync();
+    missed_ = false;  // all that the queue held when it was asked is seen to
+    return false;
+  }
+  if (!known) {
     ++counters_->emptyQueueVisits;
     return false;
   }
@@ -399,6 +418,9 @@ void ConquerReader<KEY, VALUE, MAP>::handleAck() {
 template <class KEY, class VALUE, class MAP>
 void ConquerReader<KEY, VALUE, MAP>::handleEnabled() {
   if (!enabled_) return;
+  // The position goes back to where the copy began. What was followed since is not missed.
+  passed_ = std::max(passed_, lastSeq_);
+  missed_ = false;
   lastSeq_ = counters_->lastConsumedSequence;
   forgetPosition();
   ReaderKickSm::doConquer();

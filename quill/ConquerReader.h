@@ -83,6 +83,10 @@ class ConquerReader : public Conquer, public ReaderKickSm {
   void forgetPosition() noexcept { --currentTable_.version; }
   // Sets currentPos_ in a table of `count` entries. True: behind the entry lastSeq_ itself.
   bool search(std::uint32_t count);
+  // Looks whether entries were pruned that this reader has not passed. `newest` is the sequence of
+  // the newest one. The writer prunes nothing that a connected reader needs, but until it has taken
+  // a reader's first report into account it does not know of that reader.
+  void noteMissed(std::uint64_t newest) noexcept;
   // Entries in use in the current table.
   std::uint32_t used() const noexcept;
   const ConquerNotifications& notifications() const noexcept {
@@ -95,6 +99,8 @@ class ConquerReader : public Conquer, public ReaderKickSm {
   Shadow* shadow_;
   std::array<ConquerNotifications, 2> notifications_;
   std::uint64_t lastSeq_ = 0;
+  std::uint64_t passed_ = 0;      // the highest lastSeq_ before a synchronisation set it back
+  bool missed_ = false;           // the next batch begins with a resynchronisation
   std::uint32_t currentPos_ = 0;  // the next entry of the current table
 };
 

@@ -49,7 +49,7 @@ WriterKickSm::Readers::Readers(WriterKickSm& owner)
 }
 
 WriterKickSm::Readers::~Readers() {
-  if (!paused_) manager_.readableDel(owner_.listening_.get());
+  manager_.readableDel(owner_.listening_.get());
   for (const auto& [fd, reader] : readers_) manager_.readableDel(fd);
 }
 
@@ -155,7 +155,7 @@ bool WriterKickSm::Readers::take(Reader& reader, const KickMessage& message) {
   std::string reason;
   const KickSession::Effect effect =
       reader.session.handleMessage(message, owner_.sequence_, clock(), reason);
-  if (slept && !reader.session.asleep()) std::erase(asleep_, &reader);
+  // A message never ends a sleep: only a kick does, and it takes the reader off the list.
   if (!slept && reader.session.asleep()) asleep_.push_back(&reader);
   owner_.sleepers_ = static_cast<unsigned>(asleep_.size());
   switch (effect) {

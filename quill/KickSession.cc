@@ -64,10 +64,8 @@ KickSession::Effect KickSession::handleReport(const KickMessage& message, std::u
   // A report does not end a sleep: a kick too many costs the reader one look at the queue, a kick
   // too few a change.
   if (message.type == KickType::sequence) return Effect::none;
-  if (message.sequence < last) {
-    asleep_ = false;
-    return Effect::kickNow;
-  }
+  // Not from a sleeper: it had come up to the last one, and each change since would have woken it.
+  if (message.sequence < last) return Effect::kickNow;
   asleep_ = true;
   return Effect::slept;
 }

@@ -11,6 +11,9 @@
 //     notify() with that file's name; several changes of one file within a turn may be one.
 //  2. What notify() raises ends here, with a log line: the loop goes on.
 //  3. Events that were lost by the kernel count as a change of everything.
+//
+// Not seen: that a directory further up than the table's parent is renamed while the table is
+// there.
 #pragma once
 
 #include <memory>

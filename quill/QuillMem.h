@@ -35,7 +35,7 @@ class QuillMem : public Mem::Shared, private Sable::Debuggable {
  private:
   void traceCall(const char* operation, unsigned size) const;
 
-  bool ownsHandler_ = false;  // the handler is always the table's
+  [[maybe_unused]] bool ownsHandler_ = false;  // the handler is always the table's
   bool localMem_;
 };
 

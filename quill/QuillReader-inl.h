@@ -3,6 +3,8 @@
 // Bodies of QuillReader.h.
 #pragma once
 
+#include <bit>
+
 #include "quill/Exceptions.h"
 #include "quill/FenixFile.h"
 #include "quill/QuillReader.h"
@@ -111,19 +113,13 @@ unsigned QuillReader<KEY, VALUE>::maxSize() const {
 
 // --- the step around every reading operation
 
-// The attempt stands in a try block of its own size: on the common path that costs nothing, and
-// what is believed is decided outside of it.
 template <class KEY, class VALUE>
 template <class Attempt>
-[[gnu::always_inline]] inline decltype(auto) QuillReader<KEY, VALUE>::believed(
-    const Attempt& attempt) const {
+decltype(auto) QuillReader<KEY, VALUE>::believed(const Attempt& attempt) const {
   for (;;) {
     try {
       decltype(auto) result = attempt();
-      if (!slots_.doResize()) [[likely]] {
-        checkTruncated();
-        return result;
-      }
+      if (!unsettled() || !settle()) return result;
     } catch (const CorruptionDetectedException& damage) {
       afterDamage(damage);
     }
@@ -131,27 +127,66 @@ template <class Attempt>
 }
 
 template <class KEY, class VALUE>
-[[gnu::noinline, gnu::cold]] void QuillReader<KEY, VALUE>::afterDamage(
+[[gnu::always_inline]] inline bool QuillReader<KEY, VALUE>::unsettled() const noexcept {
+  return slots_.grown() || slots_.mem().truncated() || buckets_.mem().truncated();
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] bool QuillReader<KEY, VALUE>::settle() const {
+  if (slots_.doResize()) return true;
+  slots_.checkTruncated();
+  if (buckets_.mem().truncated()) {
+    raise<CorruptionDetectedException>("BucketReader: ", buckets_.mem().getFilename(),
+                                       " became shorter than its mapping");
+  }
+  return false;
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] bool QuillReader<KEY, VALUE>::afterDamage(
     const CorruptionDetectedException& damage) const {
-  if (slots_.doResize()) return;
-  checkTruncated();
+  if (settle()) return true;
   throw CorruptionDetectedException(damage.msg());
 }
 
 template <class KEY, class VALUE>
-[[gnu::always_inline]] inline void QuillReader<KEY, VALUE>::checkTruncated() const {
-  slots_.checkTruncated();
-  if (buckets_.mem().truncated()) [[unlikely]] {
-    raise<CorruptionDetectedException>("BucketReader: ", buckets_.mem().getFilename(),
-                                       " became shorter than its mapping");
-  }
+[[gnu::noinline, gnu::cold]] void QuillReader<KEY, VALUE>::raiseCycle(const char* text,
+                                                                      std::uint32_t count) const {
+  raise<CorruptionDetectedException>(text, count, " capacity:", capacity());
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] void QuillReader<KEY, VALUE>::raiseFree(const char* text,
+                                                                     std::uint32_t slot,
+                                                                     KEY key) const {
+  raise<CorruptionDetectedException>(text, slot, " not marked as occupied key:", key);
 }
 
 template <class KEY, class VALUE>
 const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
   // A copy: the key may lie in the value that the last operation answered.
   const KEY own = key;
-  return believed([&]() -> const VALUE& { return doLookup(own, found); });
+  // believed() by hand: what comes after the common path is elsewhere, and takes copies.
+  try {
+    const VALUE& result = find(own, found);
+    if (!unsettled()) [[likely]]
+      return result;
+    settle();
+  } catch (const CorruptionDetectedException& damage) {
+    afterDamage(damage);
+  }
+  return lookupAgain(own, found);
+}
+
+template <class KEY, class VALUE>
+[[gnu::noinline, gnu::cold]] const VALUE& QuillReader<KEY, VALUE>::lookupAgain(KEY key,
+                                                                               bool& found) const {
+  return believed([&]() -> const VALUE& { return doLookup(key, found); });
+}
+
+template <class KEY, class VALUE>
+const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) const {
+  return find(key, found);
 }
 
 template <class KEY, class VALUE>
@@ -187,20 +222,24 @@ bool QuillReader<KEY, VALUE>::getKey(std::uint32_t slot, KEY& key) const {
 template <class KEY, class VALUE>
 [[gnu::always_inline]] inline QuillReader<KEY, VALUE>::Position::Position(
     const SlotRef* from) noexcept
-    : link(from),
-      // [L1] Acquire: the slot that the link leads to was complete before the link was stored.
-      // Pairs with the release of every link in QuillWriter and SlotWriterTable.
-      word(from->load(Mem::acquire)) {}
+    : link(from) {
+  // [L1] Acquire: the slot that the link leads to was complete before the link was stored. Pairs
+  // with the release of every link in QuillWriter and SlotWriterTable.
+  const auto word = std::bit_cast<std::uint64_t>(from->load(Mem::acquire));
+  version = static_cast<std::uint32_t>(word);
+  next = static_cast<std::uint32_t>(word >> 32);
+}
 
 template <class KEY, class VALUE>
 [[gnu::always_inline]] inline bool QuillReader<KEY, VALUE>::Position::changed() const noexcept {
   // Relaxed: behind the acquires of [L2] and [L3]. Whoever saw a byte of the slot's next use sees
   // here the store that took the slot from this chain.
-  return link->version(Mem::relaxed) != word.version;
+  return link->version(Mem::relaxed) != version;
 }
 
 template <class KEY, class VALUE>
-const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) const {
+[[gnu::always_inline]] inline const VALUE& QuillReader<KEY, VALUE>::find(const KEY& key,
+                                                                         bool& found) const {
   found = false;
   const std::uint32_t numBuckets = buckets_.numBuckets();
   if (numBuckets == 0) [[unlikely]] {
@@ -210,18 +249,15 @@ const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) cons
   const std::uint32_t bucket = key.hash() % numBuckets;
   for (;; ++counters_.readRetries) {
     Position at(buckets_.getRef(bucket));
-    for (std::uint32_t count = 1; at.word.value != kNoSlot; ++count) {
+    for (std::uint32_t count = 1; at.next != kNoSlot; ++count) {
       if (count > capacity()) [[unlikely]] {
-        raise<CorruptionDetectedException>(
-            "QuillReader::doLookup() hash chain cycle detected, slotCount:", count,
-            " capacity:", capacity());
+        raiseCycle("QuillReader::doLookup() hash chain cycle detected, slotCount:", count);
       }
-      const Slot<VALUE>& slot = slots_.slot(at.word.value);
+      const Slot<VALUE>& slot = slots_.slot(at.next);
       const std::uint32_t flags = slots_.read(slot, scratch_);
       if ((flags & kOccupied) == 0) [[unlikely]] {
         if (at.changed()) break;
-        raise<CorruptionDetectedException>("QuillReader::doLookup() slot:", at.word.value,
-                                           " not marked as occupied key:", key);
+        raiseFree("QuillReader::doLookup() slot:", at.next, key);
       }
       const KEY stored = keyOf<KEY>(scratch_);
       if (stored < key) {
@@ -237,7 +273,7 @@ const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) cons
       found = true;
       return scratch_;
     }
-    if (at.word.value == kNoSlot) return this->emptyValue_;
+    if (at.next == kNoSlot) return this->emptyValue_;
   }
 }
 
@@ -246,25 +282,24 @@ bool QuillReader<KEY, VALUE>::doFirst(std::uint32_t bucket, VALUE& value, IterHi
   const std::uint32_t numBuckets = buckets_.numBuckets();
   while (bucket < numBuckets) {
     const Position at(buckets_.getRef(bucket));
-    if (at.word.value == kNoSlot) {
+    if (at.next == kNoSlot) {
       ++bucket;
       continue;
     }
-    const std::uint32_t flags = slots_.read(slots_.slot(at.word.value), value);
+    const std::uint32_t flags = slots_.read(slots_.slot(at.next), value);
     if (at.changed()) [[unlikely]] {
       ++counters_.readRetries;
       continue;
     }
     const KEY key = keyOf<KEY>(value);
     if ((flags & kOccupied) == 0) [[unlikely]] {
-      raise<CorruptionDetectedException>("QuillReader::first() slot:", at.word.value,
-                                         " not marked as occupied key:", key);
+      raiseFree("QuillReader::first() slot:", at.next, key);
     }
     if (key.hash() % numBuckets != bucket) [[unlikely]] {
       raise<CorruptionDetectedException>("QuillReader::first() corrupt key detected, key:", key,
                                          " bucket:", bucket);
     }
-    hint = {at.word.value, bucket};
+    hint = {at.next, bucket};
     return true;
   }
   this->trace(9, [](std::ostream& os) { os << "QuillReader::first() none found!"; });
@@ -295,16 +330,15 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
   KEY own;
   const std::uint32_t ownFlags = slots_.read(hinted, own);
   if ((ownFlags & kOccupied) == 0 || own < key || key < own) return false;
-  if (at.word.value == kNoSlot) {
+  if (at.next == kNoSlot) {
     answer = doFirst(hint.bucket + 1, value, hint);
     return true;
   }
-  const std::uint32_t flags = slots_.read(slots_.slot(at.word.value), scratch_);
+  const std::uint32_t flags = slots_.read(slots_.slot(at.next), scratch_);
   if (at.changed()) [[unlikely]]
     return false;
   if ((flags & kOccupied) == 0) [[unlikely]] {
-    raise<CorruptionDetectedException>("QuillReader::doNext() slot:", at.word.value,
-                                       " not marked as occupied key:", key);
+    raiseFree("QuillReader::doNext() slot:", at.next, key);
   }
   const KEY stored = keyOf<KEY>(scratch_);
   if (stored.hash() % buckets_.numBuckets() != hint.bucket) [[unlikely]] {
@@ -316,7 +350,7 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
   if (!(key < stored)) [[unlikely]]
     return false;
   value = scratch_;
-  hint.slot = at.word.value;
+  hint.slot = at.next;
   answer = true;
   return true;
 }
@@ -327,18 +361,15 @@ bool QuillReader<KEY, VALUE>::walkToNext(const KEY& key, VALUE& value, IterHint&
   const std::uint32_t bucket = key.hash() % numBuckets;
   for (;; ++counters_.readRetries) {
     Position at(buckets_.getRef(bucket));
-    for (std::uint32_t count = 1; at.word.value != kNoSlot; ++count) {
+    for (std::uint32_t count = 1; at.next != kNoSlot; ++count) {
       if (count > capacity()) [[unlikely]] {
-        raise<CorruptionDetectedException>(
-            "QuillReader::doNext() hash chain cycle detected, slotCount:", count,
-            " capacity:", capacity());
+        raiseCycle("QuillReader::doNext() hash chain cycle detected, slotCount:", count);
       }
-      const Slot<VALUE>& slot = slots_.slot(at.word.value);
+      const Slot<VALUE>& slot = slots_.slot(at.next);
       const std::uint32_t flags = slots_.read(slot, scratch_);
       if ((flags & kOccupied) == 0) [[unlikely]] {
         if (at.changed()) break;
-        raise<CorruptionDetectedException>("QuillReader::doNext() slot:", at.word.value,
-                                           " not marked as occupied key:", key);
+        raiseFree("QuillReader::doNext() slot:", at.next, key);
       }
       const KEY stored = keyOf<KEY>(scratch_);
       if (!(key < stored)) {
@@ -355,10 +386,10 @@ bool QuillReader<KEY, VALUE>::walkToNext(const KEY& key, VALUE& value, IterHint&
             "QuillReader::doNext() corrupt key detected key:", stored, " bucketIndex:", bucket);
       }
       value = scratch_;
-      hint = {at.word.value, bucket};
+      hint = {at.next, bucket};
       return true;
     }
-    if (at.word.value == kNoSlot) return doFirst(bucket + 1, value, hint);
+    if (at.next == kNoSlot) return doFirst(bucket + 1, value, hint);
   }
 }
 

@@ -83,22 +83,33 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   std::uint32_t numBuckets() const noexcept { return buckets_.numBuckets(); }
 
  private:
-  // A link as it was loaded, and where.
+  // A link as it was loaded, and where. Two plain numbers: they stay in registers.
   struct Position {
     const SlotRef* link;
-    Mem::VerU32 word;
+    std::uint32_t version;
+    std::uint32_t next;
 
     explicit Position(const SlotRef* from) noexcept;
     // What was taken from the slot behind the link may come from another chain.
     bool changed() const noexcept;
   };
 
+  // The step around every reading operation.
   template <class Attempt>
   decltype(auto) believed(const Attempt& attempt) const;
+  // False while nobody has changed the size of a file.
+  bool unsettled() const noexcept;
+  // True: the table has grown, what was read is thrown away. Raises if a file became shorter.
+  bool settle() const;
   // True: a growth explains it. Else raises what is to be raised.
-  void afterDamage(const CorruptionDetectedException& damage) const;
-  void checkTruncated() const;
+  bool afterDamage(const CorruptionDetectedException& damage) const;
 
+  // `text` goes up to the number. Copies, so that a walk keeps nothing in memory for their sake.
+  [[noreturn]] void raiseCycle(const char* text, std::uint32_t count) const;
+  [[noreturn]] void raiseFree(const char* text, std::uint32_t slot, KEY key) const;
+
+  const VALUE& find(const KEY& key, bool& found) const;
+  const VALUE& lookupAgain(KEY key, bool& found) const;
   bool doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const;
   // False: the hint does not hold.
   bool hintedNext(const KEY& key, VALUE& value, IterHint& hint, bool& answer) const;

@@ -65,13 +65,12 @@ class SlotReaderTable final : public SlotTable<VALUE> {
   // True if the table has grown and all of it is mapped now; addresses into it are void then. One
   // 32-bit compare when nothing happened. Raises CorruptionDetectedException if the header
   // contradicts what was, or the file; Sable::MemoryResourceException.
-  bool doResize() {
-    // [L4] Relaxed: only decides whether to look closer; doResize() proper loads with acquire.
-    if (this->header_ == nullptr ||
-        this->header_->numSlots.version(Mem::relaxed) == numSlots_.version) [[likely]] {
-      return false;
-    }
-    return remap();
+  bool doResize() { return grown() && remap(); }
+  // Whether doResize() has something to do.
+  bool grown() const noexcept {
+    // Relaxed: only decides whether to look closer.
+    return this->header_ != nullptr &&
+           this->header_->numSlots.version(Mem::relaxed) != numSlots_.version;
   }
   // Raises CorruptionDetectedException if the file became shorter than its mapping.
   void checkTruncated() const {

@@ -74,6 +74,16 @@ TEST_F(ConquerReader, AQueueFileThatBecameShorterIsNotBelieved) {
   EXPECT_EQ(damageOf([&] { sut.conquer(); }), text);
 }
 
+TEST_F(ConquerReader, AnEmptyTableIsNotBelievedIfItsFileBecameShorter) {
+  queue_.switchTo(1);
+  attach();
+  EXPECT_EQ(sut.conquer(), 0U);
+  from(0);
+  std::filesystem::resize_file(queue_.file(1), 0);
+  EXPECT_EQ(damageOf([&] { sut.conquer(); }),
+            "ConquerReader: " + queue_.file(1) + " became shorter than its mapping");
+}
+
 TEST_F(ConquerReader, LatestSequenceIsThatOfTheNewestEntryOfTheCurrentTable) {
   attach();
   EXPECT_EQ(sut.latestSequence(), 0U);

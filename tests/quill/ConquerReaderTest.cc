@@ -114,6 +114,16 @@ TEST_F(ConquerReader, ASwapDuringTheSearchStartsItOverOnTheOtherTable) {
   EXPECT_TRUE(traces.has("ConquerReader::findPosition() mid pos:2 sequence:20\n"));
 }
 
+TEST_F(ConquerReader, AnEmptyTableThatTheWriterLeavesMeanwhileIsNotTheEnd) {
+  fill(0, 3);
+  queue_.switchTo(1);
+  attach();
+  TouchHook hook(queue_.file(1), 0, [&] { queue_.switchTo(0); });
+  EXPECT_EQ(sut.conquer(), 30U);
+  EXPECT_TRUE(hook.touched());
+  EXPECT_EQ(counters_.emptyQueueVisits, 0U);
+}
+
 TEST_F(ConquerReader, WhatLooksDamagedInATableThatIsBeingRewrittenIsThrownAway) {
   queue_.grow(1, 1000);
   fill(1, 900);

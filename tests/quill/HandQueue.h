@@ -96,7 +96,7 @@ class TouchHook {
  public:
   TouchHook(const std::string& file, std::uint32_t length, std::function<void()> action)
       : action_(std::move(action)), fd_(open(file.c_str(), O_RDWR | O_CLOEXEC)), length_(length) {
-    saved_.resize(std::filesystem::file_size(file));
+    saved_.resize(static_cast<std::size_t>(std::filesystem::file_size(file)));
     if (pread(fd_, saved_.data(), saved_.size(), 0) != static_cast<ssize_t>(saved_.size()) ||
         ftruncate(fd_, length_) != 0) {
       ADD_FAILURE() << "no hook on " << file;
@@ -135,7 +135,7 @@ class TouchHook {
   int fd_;
   off_t length_;
   std::vector<char> saved_;
-  bool touched_ = false;
+  volatile bool touched_ = false;  // changes inside any access
   struct sigaction before_ {};
 };
 

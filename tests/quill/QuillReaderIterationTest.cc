@@ -59,6 +59,10 @@ TEST_F(QuillReader, TheLastKeyOfABucketLeadsToTheNextBucketThatIsNotEmpty) {
   ASSERT_TRUE(sut.next({130}, value_, hint_));
   EXPECT_EQ(value_, hookValue(300, 4));
   EXPECT_FALSE(sut.next({300}, value_, hint_));
+  table_.insert(4, hookValue(400, 5));
+  hint_ = {};
+  ASSERT_TRUE(sut.next({300}, value_, hint_));
+  EXPECT_EQ(value_, hookValue(400, 5));
 }
 
 TEST_F(QuillReader, NextOfARemovedKeyGoesOnWithTheNextGreaterOne) {

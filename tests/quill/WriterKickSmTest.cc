@@ -336,6 +336,35 @@ TEST_F(WriterKickSmTest, SleeperIsKickedOnceForAnyNumberOfChanges) {
   EXPECT_EQ(kick(2), peer.received());
   EXPECT_EQ("", peer.received());
   EXPECT_EQ(1U, sut_.kicks());
+  peer.send(sleepBytes(2));
+  turns();
+  sut_.change();
+  EXPECT_EQ(kick(3), peer.received());
+  EXPECT_EQ(2U, sut_.kicks());
+}
+
+TEST_F(WriterKickSmTest, SleepThatIsSaidTwiceIsOneSleep) {
+  startIs();
+  const KickPeer peer = reader(0);
+  peer.send(sleepBytes(0));
+  peer.send(sleepBytes(0));
+  turns();
+  sut_.change();
+  EXPECT_EQ(kick(1), peer.received());
+  EXPECT_EQ("", peer.received());
+  EXPECT_EQ(1U, sut_.kicks());
+}
+
+TEST_F(WriterKickSmTest, SleeperThatHasGoneIsNotKicked) {
+  startIs();
+  KickPeer peer = reader(0);
+  peer.send(sleepBytes(0));
+  turns();
+  peer.hangUp();
+  turns();
+  sut_.change();
+  EXPECT_EQ(0U, sut_.kicks());
+  EXPECT_EQ(0U, sut_.connectedReaders());
 }
 
 TEST_F(WriterKickSmTest, ReaderThatWouldSleepThroughAChangeIsKickedAtOnce) {
@@ -537,6 +566,25 @@ TEST_F(WriterKickSmTest, ReaderBeyondATablesLimitIsRefused) {
   turns();
   readers.push_back(reader(0));
   EXPECT_EQ(1'024U, sut_.connectedReaders());
+}
+
+TEST_F(WriterKickSmTest, AnotherUsersReadersAreLimitedBesideThoseOfOthers) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can connect as another user";
+  constexpr uid_t kOther = 65'534;
+  std::filesystem::permissions(root_.path(), std::filesystem::perms(0755));
+  startIs();
+  std::vector<KickPeer> readers;
+  ASSERT_EQ(0, seteuid(kOther));
+  for (unsigned i = 0; i < 65; ++i) readers.push_back(connect());
+  ASSERT_EQ(0, seteuid(0));
+  turns(10);
+  for (unsigned i = 0; i < 64; ++i) EXPECT_FALSE(readers[i].closed()) << i;
+  EXPECT_TRUE(readers[64].closed());
+  EXPECT_EQ(Lines{"Table " + path_ + ": reader with process id " + std::to_string(getpid()) +
+                  " of user 65534 was dropped: user 65534 has 64 readers already"},
+            log_.texts());
+  const KickPeer ours = reader(0);
+  EXPECT_FALSE(ours.closed());
 }
 
 TEST_F(WriterKickSmTest, MissingDescriptorsHoldConnectionsBackWithoutTurningTheLoop) {
