@@ -25,9 +25,10 @@ constexpr std::uint64_t kFirstSlot = 176 + kSlot;
 constexpr std::uint64_t kFlags = 12;
 constexpr std::uint64_t kMinSeq = 16;
 
-// True if the socket is an end of a connection under `directory`: the reader's, which is connected
-// to a name, or the writer's, which has that name itself.
-bool isConnection(int fd, const std::string& directory, bool readerSide) {
+// True if the socket is an end of a connection to a kick socket, of which this process has those of
+// one table: the reader's, which is connected to a name, or the writer's, which has that name
+// itself.
+bool isConnection(int fd, bool readerSide) {
   int value = 0;
   socklen_t size = sizeof value;
   if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &value, &size) != 0 || value != 0) return false;
@@ -35,7 +36,8 @@ bool isConnection(int fd, const std::string& directory, bool readerSide) {
   size = sizeof address;
   auto* const name = reinterpret_cast<sockaddr*>(&address);
   if ((readerSide ? getpeername(fd, name, &size) : getsockname(fd, name, &size)) != 0) return false;
-  return address.sun_family == AF_UNIX && std::string(address.sun_path).starts_with(directory);
+  return address.sun_family == AF_UNIX &&
+         std::string(address.sun_path).find("kick") != std::string::npos;
 }
 
 std::vector<int> openDescriptors() {
@@ -51,7 +53,7 @@ std::vector<int> openDescriptors() {
 
 void History::cut(bool readerSide) {
   for (const int fd : openDescriptors()) {
-    if (!isConnection(fd, path_, readerSide)) continue;
+    if (!isConnection(fd, readerSide)) continue;
     shutdown(fd, SHUT_RDWR);
     ++coverage().connectionsCut;
   }
