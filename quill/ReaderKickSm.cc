@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quill/ReaderKickSm.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -28,6 +31,25 @@ const Vex::LogHandle QUILL_READER_FAILED(
     "If the table was found damaged, the writer has been told and this reader waits for it to put "
     "that right; else it tries again.",
     "If this repeats, restart the writer of the table.", 0.0, 1.0, 0);
+
+// Which socket stands in the directory. That of a new writer is another one, also where the file
+// system gives it the number of the one before.
+struct SocketIdentity {
+  static SocketIdentity of(const KickDescriptor& directory) noexcept {
+    struct stat status {};
+    if (directory.get() < 0 ||
+        fstatat(directory.get(), "kick", &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      return {};
+    }
+    return {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+  }
+  friend bool operator==(const SocketIdentity&, const SocketIdentity&) = default;
+
+  dev_t device = 0;
+  ino_t inode = 0;
+  time_t seconds = 0;
+  long nanoseconds = 0;
+};
 
 }  // namespace
 
@@ -83,15 +105,18 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   bool answered_ = false;
   bool reportedAny_ = false;
   std::uint64_t reported_ = 0;
-  double notBefore_ = 0.0;  // the next attempt
+  double notBefore_ = 0.0;  // the next attempt at the socket that refused
+  SocketIdentity offered_;  // of the last attempt
 };
 
 bool ReaderKickSm::Connection::open() {
-  if (clock() < notBefore_) {
+  const KickDescriptor directory = openKickDirectory(owner_.kickRoot_.rootPath());
+  const SocketIdentity offered = SocketIdentity::of(directory);
+  if (clock() < notBefore_ && offered == offered_) {
     traceText("is not connected: the writer refused it just now");
     return false;
   }
-  const KickDescriptor directory = openKickDirectory(owner_.kickRoot_.rootPath());
+  offered_ = offered;
   KickDescriptor socket = newKickSocket();
   const sockaddr_un address = kickAddress(directory, "kick");
   if (directory.get() < 0 || socket.get() < 0 ||

@@ -432,6 +432,18 @@ TEST_F(ReaderKickSmTest, RefusedReaderWaitsASecondBeforeItTriesAgain) {
   EXPECT_TRUE(sut_->connected());
 }
 
+TEST_F(ReaderKickSmTest, RefusedReaderTriesTheSocketOfAnotherWriterAtOnce) {
+  listen();
+  sut_->doConnect();
+  listening_.accepted().hangUp();
+  turns();
+  EXPECT_FALSE(sut_->connected());
+  std::filesystem::remove(path_ + "/kick");
+  listen();
+  sut_->doConnect();
+  EXPECT_TRUE(sut_->connected());
+}
+
 TEST_F(ReaderKickSmTest, AnsweredReaderTriesAgainAtOnce) {
   sut_->onConnected = [this] {
     if (!sut_->connected()) sut_->doConnect();
