@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quill/ReaderKickSm.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -32,25 +29,6 @@ const Vex::LogHandle QUILL_READER_FAILED(
     "that right; else it tries again.",
     "If this repeats, restart the writer of the table.", 0.0, 1.0, 0);
 
-// Which socket stands in the directory. That of a new writer is another one, also where the file
-// system gives it the number of the one before.
-struct SocketIdentity {
-  static SocketIdentity of(const KickDescriptor& directory) noexcept {
-    struct stat status {};
-    if (directory.get() < 0 ||
-        fstatat(directory.get(), "kick", &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      return {};
-    }
-    return {status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
-  }
-  friend bool operator==(const SocketIdentity&, const SocketIdentity&) = default;
-
-  dev_t device = 0;
-  ino_t inode = 0;
-  time_t seconds = 0;
-  long nanoseconds = 0;
-};
-
 }  // namespace
 
 // The socket, and what of the protocol belongs to one connection. With it the timer, since there is
@@ -61,7 +39,8 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
       : DeferredTask(manager),
         owner_(owner),
         manager_(manager),
-        timer_(Sable::Platform::getTimerControl(owner)) {}
+        timer_(Sable::Platform::getTimerControl(owner)),
+        retryTimer_(Sable::Platform::getTimerControl(retry_)) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() override { close(); }
@@ -84,7 +63,15 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   }
 
  private:
+  // The time before which no attempt was to be made is over.
+  struct Retry final : Sable::Platform::TimeoutHandler {
+    explicit Retry(Connection& connection) noexcept : connection_(connection) {}
+    void timeout() override { connection_.run(); }
+    Connection& connection_;
+  };
+
   void onReadable() override { owner_.fdEvent(socket_.get()); }
+  // The owner hears that there is no connection.
   void run() override;
 
   // The connection has ended by itself: the owner hears of it in the next turn.
@@ -100,23 +87,24 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   ReaderKickSm& owner_;
   Vex::ActivityManager& manager_;
   std::unique_ptr<Sable::Platform::TimerControl> timer_;
+  Retry retry_{*this};
+  std::unique_ptr<Sable::Platform::TimerControl> retryTimer_;
   KickDescriptor socket_;
   std::uint64_t opened_ = 0;  // connections so far: tells one from the next
   bool answered_ = false;
   bool reportedAny_ = false;
   std::uint64_t reported_ = 0;
-  double notBefore_ = 0.0;  // the next attempt at the socket that refused
-  SocketIdentity offered_;  // of the last attempt
+  double notBefore_ = 0.0;  // the next attempt
 };
 
 bool ReaderKickSm::Connection::open() {
-  const KickDescriptor directory = openKickDirectory(owner_.kickRoot_.rootPath());
-  const SocketIdentity offered = SocketIdentity::of(directory);
-  if (clock() < notBefore_ && offered == offered_) {
-    traceText("is not connected: the writer refused it just now");
+  if (clock() < notBefore_) {
+    // Whoever asked saw a writer, and may see nothing more of it: the attempt is made up for.
+    traceText("is not connected: the connection before ended just now, without an answer");
+    retryTimer_->arm(notBefore_ - clock());
     return false;
   }
-  offered_ = offered;
+  const KickDescriptor directory = openKickDirectory(owner_.kickRoot_.rootPath());
   KickDescriptor socket = newKickSocket();
   const sockaddr_un address = kickAddress(directory, "kick");
   if (directory.get() < 0 || socket.get() < 0 ||
@@ -136,6 +124,7 @@ bool ReaderKickSm::Connection::open() {
     return false;
   }
   cancel();  // the loss of the connection before is of no interest any more
+  retryTimer_->cancel();
   socket_ = std::move(socket);
   ++opened_;
   answered_ = false;
@@ -147,6 +136,7 @@ bool ReaderKickSm::Connection::open() {
 
 void ReaderKickSm::Connection::close() noexcept {
   cancel();
+  retryTimer_->cancel();
   if (socket_.get() < 0) return;
   manager_.readableDel(socket_.get());
   socket_.reset();
@@ -263,8 +253,11 @@ ReaderKickSm::~ReaderKickSm() = default;
 bool ReaderKickSm::ready() const noexcept { return connection_ != nullptr; }
 
 void ReaderKickSm::doConnect() {
-  if (!ready() || connected_ || !connection_->open()) return;
-  handleConnected();
+  if (!ready() || connected_) return;
+  if (connection_->open()) return handleConnected();
+  // There may have been a writer in the meantime, or the last one may have gone before its news
+  // were read: the queue still has them.
+  if (mayRun()) connection_->timer().arm(kCatchUpTime);
 }
 
 void ReaderKickSm::sendSequence(const std::uint64_t& sequence) {

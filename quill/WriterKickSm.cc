@@ -142,11 +142,10 @@ void WriterKickSm::doEnableListen() {
 
 void WriterKickSm::deleteKickSocket() noexcept {
   stopWaitingForReaders();
-  // The name goes first: a reader that is dropped tries again at once, and one that reached the
-  // socket on its last way would count as refused and miss the next writer.
   if (listening_.get() >= 0) {
-    // Only this writer's own: where the directory was taken away and made anew by hand, another
-    // writer may be at home in it.
+    // The name first: a reader whose connection ends here must not find the way back to a writer
+    // that is going. Only this writer's own: where the directory was taken away and made anew by
+    // hand, another writer may be at home in it.
     struct stat status {};
     const std::string path = kickRoot_.filePath(kSocket);
     if (lstat(path.c_str(), &status) == 0 && status.st_dev == socketDevice_ &&
