@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/quillctl/Failure.h"
+#include "cli/quillctl/Texts.h"
 #include "quill/RootPath.h"
 
 namespace Quillctl {
@@ -68,6 +69,9 @@ class Parser {
       const auto chosen = app_.get_subcommands();
       return EarlyExit{0, chosen.empty() ? app_.help() : chosen.front()->help()};
     } catch (const CLI::Error& error) {
+      const std::vector<std::string> left = app_.remaining();
+      if (app_.get_subcommands().empty() && !left.empty())
+        return wrong(noCommandText(left.front()));
       return wrong(error.what());
     }
     arguments_.command = app_.get_subcommands().front()->get_name();
@@ -86,11 +90,14 @@ class Parser {
             "quillctl: " + text + "\nTry 'quillctl --help' for the commands.\n"};
   }
 
+  std::string noCommandText(const std::string& given) const {
+    return "no command " + inQuotes(given) + "; the nearest is " + inQuotes(nearest(given, names_));
+  }
+
   CLI::App& command(const std::string& name, const std::string& what) {
     CLI::App* const made = app_.add_subcommand(name, what);
     made->fallthrough();
-    // A number below 0 is a wrong value and no option: the commands say so.
-    made->allow_extras(false);
+    names_.push_back(name);
     return *made;
   }
   CLI::App& tableCommand(const std::string& name, const std::string& what) {
@@ -113,6 +120,7 @@ class Parser {
   }
 
   Arguments arguments_;
+  std::vector<std::string> names_;
   CLI::App app_{"quillctl looks into, fills and repairs the shared tables.", "quillctl"};
 };
 
