@@ -43,6 +43,9 @@ class Follower {
         table_.corruptionDetected(damage.msg());
       }
       loop_.runTurn();
+      loop_.leap(0.01);
+      journal_.seen[static_cast<unsigned>(table_.mode())] =
+          table_.mountStatus() == 2 ? table_.sequence() : 0;
     }
     return looks;
   }

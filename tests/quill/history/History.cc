@@ -6,6 +6,7 @@
 
 #include "quill/Util.h"
 #include "runtime/mem/Atomics.h"
+#include "tests/quill/history/QueueWatch.h"
 
 namespace QuillTest {
 
@@ -105,16 +106,21 @@ void History::restart(bool damaged) {
 void History::write(std::uint32_t key, bool overwrite) {
   Map& table = writer();
   const std::uint32_t counter = ++counter_;
+  const QueueWatch watch(path_);
   const CheckedRecord* const stored = table.safeWrite(checkedRecord(key, counter), overwrite);
   if (overwrite || !model_.contains(key)) model_[key] = counter;
   if (!(*stored == checkedRecord(key, model_.at(key)))) wrong("write() answers another value");
+  if (watch.droppedTooEarly()) newsLost_ = true;
   if (capacity_ != table.capacity()) ++coverage().slotGrowths;
   capacity_ = table.capacity();
 }
 
 void History::remove(std::uint32_t key) {
   CheckedRecord old;
-  const bool was = writer().remove({key}, old);
+  Map& table = writer();
+  const QueueWatch watch(path_);
+  const bool was = table.remove({key}, old);
+  if (watch.droppedTooEarly()) newsLost_ = true;
   if (was != model_.contains(key)) wrong("remove() of key " + std::to_string(key) + " is wrong");
   if (!was) return;
   if (!(old == checkedRecord(key, model_.at(key)))) wrong("remove() answers another value");
@@ -134,7 +140,9 @@ void History::direct(std::uint32_t key, bool run) {
   }
   Mem::Atomics::copyIn(target.address, &record, sizeof record);
   checkKey(key);
+  const QueueWatch watch(path_);
   table.directCommit();
+  if (watch.droppedTooEarly()) newsLost_ = true;
   model_[key] = record.counter;
 }
 

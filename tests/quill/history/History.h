@@ -11,6 +11,8 @@
 //  3. Whatever else is given out is a whole value of the key asked for.
 //  4. When all is quiet, everybody is mounted, holds what the map holds, and both shadows have been
 //     told of every key of which the table says something else than when all was quiet before.
+//     A history in which the queue dropped what a shadow still needed mounts the shadows anew
+//     first: QueueWatch.h.
 //  5. A table is given up exactly when its files are damaged, with a new generation.
 #pragma once
 
@@ -76,6 +78,7 @@ class History {
     std::uint64_t givenUp = 0;
     std::uint64_t connectionsCut = 0;
     std::uint64_t damagesMet = 0;
+    std::uint64_t newsLost = 0;
     // The highest count that a writer or a shadow had.
     std::uint64_t compactions = 0;
     std::uint64_t prunes = 0;
@@ -125,6 +128,8 @@ class History {
   void settings(unsigned which);
   Party& party(unsigned which);
 
+  // Mounts the shadows from anew.
+  void remount();
   // Runs every loop until nobody has anything to do.
   void runAll();
   bool allMounted();
@@ -146,6 +151,7 @@ class History {
   unsigned reports_ = 0;
   unsigned steps_ = 0;
   unsigned capacity_ = 0;
+  bool newsLost_ = false;  // QueueWatch.h, since all was quiet
 };
 
 }  // namespace QuillTest

@@ -172,8 +172,20 @@ void History::count() {
   }
 }
 
+void History::remount() {
+  newsLost_ = false;
+  ++coverage().newsLost;
+  for (Party* const each : {&shadow_, &keyShadow_}) {
+    const Vex::CurrentActivityManager loop(each->loop);
+    const Quill::QuillType type = each->map->mode();
+    each->map->controlDetach();
+    each->map->init(type, false, 0);
+  }
+}
+
 void History::quiet() {
   writer();
+  if (newsLost_) remount();
   for (Party* const each : {&reader_, &shadow_, &keyShadow_}) {
     const Vex::CurrentActivityManager loop(each->loop);
     each->map->notifying(true);

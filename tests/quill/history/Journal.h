@@ -83,6 +83,8 @@ class Journal {
   // Of the writer that is there when the readers are to compare.
   std::atomic<std::uint64_t> sequence = 0;
   std::atomic<std::uint32_t> fenix = 0;
+  // Seen by the readers, by their modes; 0 for a reader that is not connected to the writer.
+  std::array<std::atomic<std::uint64_t>, 4> seen{};
 
  private:
   struct Operation {

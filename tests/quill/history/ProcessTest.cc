@@ -76,7 +76,7 @@ class ProcessTest : public testing::Test {
       StallLoop loop;
       const Vex::CurrentActivityManager current(loop);
       const auto table = newWriter();
-      if (generation_ != 0 && table->fenixId() != generation_) wrong("a whole table was given up");
+      if (table->fenixId() != generation_) wrong("a whole table was given up");
       std::minstd_rand random(seed);
       for (unsigned i = 0; i < 50'000'000; ++i) {
         if (i == enough) Child::tell(socket);
@@ -93,6 +93,12 @@ class ProcessTest : public testing::Test {
       sut.compare();
     });
   }
+  // The table whose writers are to die, still empty.
+  void newTable() {
+    StallLoop loop;
+    const Vex::CurrentActivityManager current(loop);
+    generation_ = newWriter()->fenixId();
+  }
   // What a new writer finds after one was killed.
   void checkAfterDeath() {
     StallLoop loop;
@@ -101,7 +107,7 @@ class ProcessTest : public testing::Test {
     const TableModel found = contentsOf("the new writer", *table);
     const TableModel before = journal_->before();
     const TableModel after = journal_->after();
-    if (generation_ == 0 || table->fenixId() == generation_) {
+    if (table->fenixId() == generation_) {
       ++kept_;
       if (found != after && found != before) requireSame("the new writer", found, after);
     } else {
@@ -118,6 +124,31 @@ class ProcessTest : public testing::Test {
     journal_->heldIs(contentsOf("the writer", table));
     journal_->sequence = table.sequence();
     journal_->fenix = table.fenixId();
+  }
+  // Writes every key once more, and removes again what is not to be there, in parts that the queue
+  // holds, each after the shadows have come to the end. A lagging shadow may have lost the news of
+  // a slot (QueueWatch.h), but not this.
+  void sweep(StallLoop& loop, Map& table) {
+    for (unsigned index = 0; index < Journal::kKeys; ++index) {
+      if (index % 60 == 0) awaitShadows(loop, table);
+      const std::uint32_t key = historyKey(index);
+      bool there = false;
+      table.lookup({key}, there);
+      table.write(checkedRecord(key, ++journal_->lastCounter));
+      CheckedRecord old;
+      if (!there) table.remove({key}, old);
+    }
+  }
+  void awaitShadows(StallLoop& loop, const Map& table) {
+    const auto behind = [&] {
+      return journal_->seen[1] != table.sequence() || journal_->seen[3] != table.sequence();
+    };
+    for (unsigned turns = 0; behind(); ++turns) {
+      if (turns == 10'000'000) wrong("a shadow does not follow");
+      if (!loop.runTurn()) sched_yield();
+    }
+    while (loop.runTurn()) {
+    }
   }
   // Runs the writer's loop until a child says something, or ends.
   static void runUntil(StallLoop& loop, const Child& child) {
@@ -142,6 +173,7 @@ class ProcessTest : public testing::Test {
 TEST_F(ProcessTest, KilledWriterLeavesTheTableBeforeOrAfterOneOperationOrNone) {
   const unsigned kills = numberFrom("QUILL_KILLS", 20);
   SCOPED_TRACE("QUILL_SEED=" + std::to_string(seed_));
+  newTable();
   const auto reader = newReaderProcess(Quill::QuillType::reader);
   const auto shadow = newReaderProcess(Quill::QuillType::shadow);
   const auto keyShadow = newReaderProcess(Quill::QuillType::keyshadow);
@@ -162,7 +194,8 @@ TEST_F(ProcessTest, KilledWriterLeavesTheTableBeforeOrAfterOneOperationOrNone) {
   StallLoop loop;
   const Vex::CurrentActivityManager current(loop);
   const auto table = newWriter();
-  for (unsigned i = 0; i < 100; ++i) change(*table, random);
+  change(*table, random);
+  sweep(loop, *table);
   announce(*table);
   journal_->stop = true;
   for (Child* const each : {reader.get(), shadow.get(), keyShadow.get()}) {
@@ -206,6 +239,10 @@ TEST_F(ProcessTest, EveryChangedKeyIsNotifiedAcrossProcesses) {
     for (const auto& each : children) {
       runUntil(loop, *each);
       ASSERT_NO_THROW(each->await()) << "round " << round;
+    }
+    // Up to where they have come: they say it before they answer. Unknown, it could cost them news
+    // (QueueWatch.h).
+    while (loop.runTurn()) {
     }
   }
 
