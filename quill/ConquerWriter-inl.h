@@ -111,7 +111,6 @@ void ConquerWriter<VALUE>::format(ConquerTableId id, std::uint32_t fenix, std::u
 template <class VALUE>
 void ConquerWriter<VALUE>::detach() {
   detachRegions();
-  numNotifications_ = 0;
 }
 
 template <class VALUE>
@@ -130,8 +129,13 @@ std::uint32_t ConquerWriter<VALUE>::slotAt(std::uint32_t pos) const noexcept {
 }
 
 template <class VALUE>
-void ConquerWriter<VALUE>::notify(std::uint32_t slot) {
+void ConquerWriter<VALUE>::makeRoom() {
   if (currentPos() >= notifications()) compact();
+}
+
+template <class VALUE>
+void ConquerWriter<VALUE>::notify(std::uint32_t slot) {
+  makeRoom();
   const std::uint32_t capacity = notifications();
   Slot<VALUE>& changed = slotTable_->slots()[slot];
   const std::uint32_t pos = currentPos();
@@ -197,9 +201,8 @@ std::uint64_t ConquerWriter<VALUE>::prune() {
 }
 
 template <class VALUE>
-std::uint32_t ConquerWriter<VALUE>::cut(std::uint64_t minSeq) const noexcept {
-  const Entry* const entries = current_->entries();
-  const std::uint32_t count = currentPos();
+std::uint32_t ConquerWriter<VALUE>::cut(const Entry* entries, std::uint32_t count,
+                                        std::uint64_t minSeq) noexcept {
   if (count == 0) return 0;
   const std::uint64_t first = entries[0].sequence();
   const std::uint64_t last = entries[count - 1].sequence();
@@ -237,7 +240,8 @@ template <class VALUE>
 void ConquerWriter<VALUE>::compact() {
   const std::uint64_t minSeq = prune();
   const std::uint32_t capacity = notifications();
-  const std::uint32_t dropped = cut(minSeq);
+  if (interrupted_) takeBack();
+  const std::uint32_t dropped = cut(current_->entries(), currentPos(), minSeq);
   const auto& slots = slotTable_->slots();
   for (std::uint32_t pos = 0; pos < dropped; ++pos) {
     const std::uint32_t slot = slotAt(pos);
@@ -249,7 +253,9 @@ void ConquerWriter<VALUE>::compact() {
   }
   const auto target = static_cast<ConquerTableId>((currentTable_.value + 1) & 1);
   if (other_->notifications.load(Mem::relaxed).value < std::uint64_t{numNotifications_} * 2) {
+    interrupted_ = true;
     grow(target);
+    interrupted_ = false;
   }
   other_->currentPos.store(0, Mem::release);
   std::uint32_t to = 0;
@@ -279,6 +285,22 @@ void ConquerWriter<VALUE>::compact() {
   header.currentTable.store(header.currentTable.load(Mem::relaxed).next(target), Mem::release);
   getTable();
   ++counters_->compactions;
+}
+
+template <class VALUE>
+void ConquerWriter<VALUE>::takeBack() {
+  // The compaction before has dropped entries and then found no memory to go on: they are live
+  // again in the table that is still current.
+  const std::uint32_t count = currentPos();
+  for (std::uint32_t pos = 0; pos < count; ++pos) {
+    const std::uint32_t slot = slotAt(pos);
+    if (slot == kNoSlot) continue;
+    Mem::SharedU32& conquerSlot = slotTable_->slots()[slot].conquerSlot;
+    if (conquerSlot.load(Mem::relaxed) != kNoSlot) continue;
+    conquerSlot.store(pos, Mem::release);
+    ++numNotifications_;
+  }
+  interrupted_ = false;
 }
 
 template <class VALUE>

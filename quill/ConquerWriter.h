@@ -37,8 +37,11 @@ class ConquerWriter final : public Conquer, public WriterKickSm {
   // Points at the current table, after both files have been attached.
   using Conquer::getTable;
 
-  // Records a change of `slot` and wakes who sleeps. Raises CorruptionDetectedException before
-  // anything is changed, Sable::MemoryResourceException if a full table cannot be moved.
+  // Sees to it that the next notify() finds room. Raises Sable::MemoryResourceException if a full
+  // table cannot be moved; the current table stands then, and the next call tries again.
+  void makeRoom();
+  // Records a change of `slot` and wakes who sleeps. Raises CorruptionDetectedException before the
+  // queue is changed, and what makeRoom() raises if that was not called before.
   void notify(std::uint32_t slot);
 
   // Checks both headers and the current table, and takes the sequence and the count of live entries
@@ -58,6 +61,10 @@ class ConquerWriter final : public Conquer, public WriterKickSm {
   // A file became shorter than what is mapped.
   bool truncated() const noexcept { return mems_[0].truncated() || mems_[1].truncated(); }
 
+  // Entries at the front of a table of `count` entries that `minSeq` lets go.
+  static std::uint32_t cut(const Entry* entries, std::uint32_t count,
+                           std::uint64_t minSeq) noexcept;
+
   // Entries of a new file for pages of `pageSize` bytes, and of one that has to hold twice `live`.
   static std::uint32_t firstCount(std::uint32_t pageSize) noexcept;
   static std::uint64_t grownCount(std::uint32_t live, std::uint32_t pageSize) noexcept;
@@ -66,14 +73,14 @@ class ConquerWriter final : public Conquer, public WriterKickSm {
   void format(ConquerTableId id, std::uint32_t fenix, std::uint32_t count);
   void compact();
   void grow(ConquerTableId id);
+  void takeBack();
   // The lowest sequence that has to stay, for the header; step one of a compaction.
   std::uint64_t prune();
-  // Entries at the front of the current table that minSeq lets go.
-  std::uint32_t cut(std::uint64_t minSeq) const noexcept;
 
   SlotWriterTable<VALUE>* slotTable_;
   Writer::Counters* counters_;
   std::uint32_t numNotifications_ = 0;  // live entries
+  bool interrupted_ = false;            // the last compaction raised after it had dropped entries
 };
 
 }  // namespace Quill

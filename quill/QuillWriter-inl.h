@@ -108,9 +108,14 @@ const Value* QuillWriter<Key, Value>::write(const Value& value, bool overwrite) 
   Slot<Value>* slot = nullptr;
   std::uint32_t index = kNoSlot;
   if (find(key, bucket, curr, slot, index)) {
-    if (!overwrite) return valueIn(*slot);
+    if (!overwrite) {
+      requireFiles();
+      return valueIn(*slot);
+    }
+    conquer_.makeRoom();
     storeValue(*slot, value);
   } else {
+    conquer_.makeRoom();
     index = allocKeeping(curr, slot);
     slot = &slots_.slots()[index];
     const Mem::VerU32 before = curr->load(Mem::relaxed);
@@ -131,7 +136,11 @@ bool QuillWriter<Key, Value>::remove(const Key& key, Value& old) {
   SlotRef* curr = buckets_.getRef(bucket);
   Slot<Value>* slot = nullptr;
   std::uint32_t index = kNoSlot;
-  if (!find(key, bucket, curr, slot, index)) return false;
+  if (!find(key, bucket, curr, slot, index)) {
+    requireFiles();
+    return false;
+  }
+  conquer_.makeRoom();
   slot->value.copyOut(&old);
   // [O5] Off the chain before anything of the slot changes: a reader that sees a change of the slot
   // sees that the link which brought it there has moved on. Pairs with the second look at a link's
@@ -175,6 +184,7 @@ void QuillWriter<Key, Value>::directCommit() {
   if (directSlot_ == kNoSlot) {
     raise<Sable::RuntimeException>("QuillWriter::directCommit() no direct write is open");
   }
+  conquer_.makeRoom();
   const std::uint32_t index = directSlot_;
   Slot<Value>& slot = slots_.slots()[index];
   const Mem::VerU32 before = directNew_ ? directRef_->load(Mem::relaxed) : Mem::VerU32();
@@ -219,7 +229,9 @@ void QuillWriter<Key, Value>::abandonDirectWrite() noexcept {
 
 template <class Key, class Value>
 void QuillWriter<Key, Value>::requireFiles() const {
-  if (slots_.mem().truncated() || buckets_.mem().truncated() || conquer_.truncated()) [[unlikely]] {
+  if (!Mem::BusGuard::any()) [[likely]]
+    return;
+  if (slots_.mem().truncated() || buckets_.mem().truncated() || conquer_.truncated()) {
     filesTruncated();
   }
 }
@@ -242,11 +254,13 @@ const Value& QuillWriter<Key, Value>::lookup(const Key& key, bool& found) const 
     const Key slotKey = keyAt(slot);
     if (!(slotKey < key)) {
       if (key < slotKey) break;
+      requireFiles();
       found = true;
       return *valueIn(slot);
     }
     link = &slot.ref;
   }
+  requireFiles();
   return this->emptyValue_;
 }
 
@@ -254,6 +268,7 @@ template <class Key, class Value>
 void QuillWriter<Key, Value>::handOut(std::uint32_t slot, Value& value) const {
   validator_->markOccupied(slot);
   slots_.slots()[slot].value.copyOut(&value);
+  requireFiles();
 }
 
 template <class Key, class Value>
@@ -274,6 +289,7 @@ bool QuillWriter<Key, Value>::first(std::uint32_t bucket, Value& value, IterHint
     hint = {index, bucket};
     return true;
   }
+  requireFiles();
   return false;
 }
 
@@ -282,7 +298,8 @@ bool QuillWriter<Key, Value>::next(const Key& key, Value& value, IterHint& hint)
   std::uint32_t steps = 0;
   if (hint.slot < capacity() && hint.bucket < buckets_.numBuckets()) {
     const Slot<Value>& slot = slots_.slots()[hint.slot];
-    if (isOccupied(slot) && keyAt(slot) == key) {
+    // The bucket too: the slot may have been used again, for this key in another chain.
+    if (isOccupied(slot) && keyAt(slot) == key && bucketOf(key) == hint.bucket) {
       const std::uint32_t index = slot.ref.load(Mem::relaxed).value;
       if (index == kNoSlot) return first(hint.bucket + 1, value, hint);
       static_cast<void>(slotOnChain(index, hint.bucket, steps, kFindNames));

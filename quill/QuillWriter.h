@@ -8,9 +8,10 @@
 // Belongs to one thread of one process, the writer lock sees to the process. No operation is
 // re-entrant. Addresses that an operation returns are valid until the next change.
 //
-// Every change raises CorruptionDetectedException if what it meets contradicts itself (nothing is
-// changed then) and Sable::MemoryResourceException if there is no room to grow (the table is whole,
-// the change did not happen).
+// Every change raises Sable::MemoryResourceException if there is no room to grow, and
+// CorruptionDetectedException if what its walk meets contradicts itself: the table is as it was
+// then. Damage that is found in the queue, or a file that has become shorter, is told in the same
+// way after the change was made.
 //
 // Invariants, beside those of the tables:
 //  1. A link changes by one 64-bit store that raises its version by one.

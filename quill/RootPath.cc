@@ -37,14 +37,7 @@ bool climbs(std::string_view path) {
   return false;
 }
 
-}  // namespace
-
-std::string defaultRoot() {
-  const char* const root = secure_getenv("QUILL_ROOT");
-  return root != nullptr && root[0] == '/' ? root : "/run/ringward/tables";
-}
-
-std::string encodedName(std::string_view name) {
+std::string encodedBytes(std::string_view name) {
   std::string encoded;
   for (const char c : name) {
     if (standsForItself(c, encoded.empty())) {
@@ -57,13 +50,25 @@ std::string encodedName(std::string_view name) {
       encoded += kHexDigits[byte >> 4];
       encoded += kHexDigits[byte & 0xf];
     }
-    if (encoded.size() > kMaxFileName) {
-      raise<Sable::InvalidInitializeException>("table name ", name.substr(0, 64), "... of ",
-                                               name.size(), " bytes: its file name is longer than ",
-                                               kMaxFileName, " bytes");
-    }
   }
-  if (encoded.empty()) raise<Sable::InvalidInitializeException>("table name is empty");
+  return encoded;
+}
+
+}  // namespace
+
+std::string defaultRoot() {
+  const char* const root = secure_getenv("QUILL_ROOT");
+  return root != nullptr && root[0] == '/' ? root : "/run/ringward/tables";
+}
+
+std::string encodedName(std::string_view name) {
+  if (name.empty()) raise<Sable::InvalidInitializeException>("table name is empty");
+  std::string encoded = encodedBytes(name);
+  if (encoded.size() > kMaxFileName) {
+    raise<Sable::InvalidInitializeException>("table name ", name.substr(0, 64), "... of ",
+                                             name.size(), " bytes: its file name is longer than ",
+                                             kMaxFileName, " bytes");
+  }
   return encoded;
 }
 
@@ -84,7 +89,7 @@ std::string decodedName(std::string_view fileName) {
     }
   }
   // Only what the encoding gives: the same name in another spelling is another directory.
-  return !name.empty() && name.size() <= kMaxFileName && encodedName(name) == fileName ? name : "";
+  return !name.empty() && encodedBytes(name) == fileName ? name : "";
 }
 
 std::string tablePath(std::string_view root, std::string_view name) {
@@ -148,11 +153,13 @@ void RootPath::cleanup() const {
   if (const std::unique_ptr<DIR, int (*)(DIR*)> directory{opendir(path_.c_str()), &closedir}) {
     while (const dirent* const entry = readdir(directory.get())) {
       const std::string_view name = entry->d_name;
-      if (name == "lock" || name == "kick" || (name.starts_with('.') && name.ends_with(".new")))
+      if (name == "kick" || (name.starts_with('.') && name.ends_with(".new")))
         left.emplace_back(name);
     }
   }
   for (const std::string& name : left) removeFile(name);
+  // The last: from here on another writer may be at home here, and keep the directory.
+  removeFile("lock");
   if (rmdir(path_.c_str()) == 0 || errno == ENOENT) return;
   const int error = errno;
   trace(7, [&](std::ostream& os) {

@@ -62,6 +62,7 @@ bool Validator<Key, Value>::doValidate(std::uint32_t fenix) {
 
 template <class Key, class Value>
 bool Validator<Key, Value>::checkHeaders(std::uint32_t fenix) {
+  if (writer_->slots_.header() == nullptr) return wrong("the table is not attached");
   bool sound = true;
   std::string message;
   const auto first = [&](bool result) {

@@ -34,7 +34,9 @@ class BusGuard {
   void end() noexcept;
   // An access met a page that the file does not have any more. Stays true until begin() or end().
   // One load while no file of the process has ever shrunk.
-  bool hit() const noexcept { return anyHit.load(std::memory_order_relaxed) && recordHit(); }
+  bool hit() const noexcept { return any() && recordHit(); }
+  // Some guard of the process was hit, ever.
+  static bool any() noexcept { return anyHit.load(std::memory_order_relaxed); }
 
   struct Record;
 

@@ -129,8 +129,12 @@ void* Shared::resize(unsigned size) {
     errno = EINVAL;
     return nullptr;
   }
-  // A mapping in which pages were replaced is made of several, which cannot be moved in one go.
-  if (truncated()) return attach(size, mode_);
+  // A mapping in which pages were replaced is made of several, which cannot be moved in one go; and
+  // whoever attaches anew has to begin anew.
+  if (truncated()) {
+    errno = EIO;
+    return nullptr;
+  }
   if (mode_ == Mode::readWrite) {
     // A file that is made shorter loses its end before the mapping does: nobody looks there now.
     if (size < size_ && ftruncate(file_, static_cast<off_t>(size)) != 0) return nullptr;

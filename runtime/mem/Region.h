@@ -84,7 +84,7 @@ class Shared : public Local {
   // (truncated()). Detaches what was attached before.
   void* attach(unsigned size, Mode mode);
   // Mode readWrite: gives the file this size too, in both directions. Mode readOnly: maps as much.
-  // REQUIRES: attached. Size 0 is EINVAL.
+  // REQUIRES: attached. Size 0 is EINVAL, a file that became shorter than its mapping EIO.
   void* resize(unsigned size);
   // The size of the file, 0 if there is none or it cannot be asked about; at most 2^32 - 1.
   unsigned memSize() const noexcept;

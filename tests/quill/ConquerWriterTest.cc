@@ -2,7 +2,12 @@
 #include "quill/ConquerWriter.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
+#include <vector>
+
+#include "tests/quill/KickPeer.h"
 #include "tests/quill/WriterFixture.h"
 
 namespace QuillTest {
@@ -150,6 +155,136 @@ TEST_F(ConquerWriterTest, ReadersThatNeverComeBackAreWaitedForOnlySoLong) {
   loop_.runFor(2.0);
   EXPECT_FALSE(sut->waitingForReaders());
   EXPECT_EQ(file("conquer.1").u32(24), 0U);
+}
+
+// A limit on the size of files stands for a full file system: both refuse the space.
+class NoSpace {
+ public:
+  explicit NoSpace(rlim_t size) : signalBefore_(std::signal(SIGXFSZ, SIG_IGN)) {
+    EXPECT_EQ(getrlimit(RLIMIT_FSIZE, &before_), 0);
+    struct rlimit small = before_;
+    small.rlim_cur = size;
+    EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  }
+  NoSpace(const NoSpace&) = delete;
+  NoSpace& operator=(const NoSpace&) = delete;
+  ~NoSpace() {
+    setrlimit(RLIMIT_FSIZE, &before_);
+    std::signal(SIGXFSZ, signalBefore_);
+  }
+
+ private:
+  void (*signalBefore_)(int);
+  struct rlimit before_ {};
+};
+
+TEST_F(ConquerWriterTest, AQueueThatCannotGrowRefusesTheChangeAndTriesAgainAtTheNext) {
+  writer(1000).reset();
+  file("conquer.1").u32Is(24, 1);  // a reader is waited for: nothing may be pruned
+  const auto sut = writer(1000);
+  for (std::uint32_t i = 0; i < 336; ++i) put(*sut, i, i);
+  const std::string before = allFiles();
+  {
+    const NoSpace full(4088);
+    for (int again = 0; again < 3; ++again) {
+      const std::string text =
+          "ConquerWriter::grow() failed to resize shared memory to size 8192 - the "
+          "system may be out of memory.";
+      EXPECT_EQ(textOfRaised<Sable::MemoryResourceException>([&] { put(*sut, 5, 99); }), text);
+      EXPECT_EQ(textOfRaised<Sable::MemoryResourceException>([&] { put(*sut, 400, 4); }), text);
+      EXPECT_EQ(textOfRaised<Sable::MemoryResourceException>([&] { del(*sut, 5); }), text);
+    }
+    EXPECT_EQ(allFiles(), before) << "the changes did not happen";
+    EXPECT_EQ(get(*sut, 5), "5");
+    EXPECT_EQ(get(*sut, 400), "none");
+  }
+  put(*sut, 400, 4);
+  EXPECT_EQ(capacity("conquer.2"), 678U);
+  EXPECT_EQ(currentPos("conquer.2"), 337U);
+  EXPECT_TRUE(sut->validate());
+}
+
+// What a compaction dropped before it found no memory must not be dropped, and counted, once more.
+TEST_F(ConquerWriterTest, WhatACompactionWithoutMemoryHasDroppedIsTakenBack) {
+  const auto sut = writer(1000);
+  for (std::uint32_t i = 0; i < 500; ++i) put(*sut, i, i);  // conquer.2 is current, half full
+  KickPeer reader = KickPeer::connected(name_ + "/kick");
+  reader.send(hello());
+  reader.send(sequenceBytes(400));
+  loop_.runTurn();
+  loop_.runTurn();
+  ASSERT_EQ(sut->connectedReaders(), 1U);
+  std::uint32_t next = 500;
+  while (currentPos("conquer.2") < 336) put(*sut, next++, 0);
+  {
+    const NoSpace full(4088);
+    for (int again = 0; again < 5; ++again) {
+      EXPECT_NE(textOfRaised<Sable::MemoryResourceException>([&] { put(*sut, next, 0); }),
+                "nothing raised");
+    }
+  }
+  for (std::uint32_t i = 0; i < 2000; ++i) put(*sut, i % 300, i);
+  EXPECT_TRUE(sut->validate());
+  EXPECT_LE(capacity("conquer.1"), 2000U) << "the count of live entries is still right";
+}
+
+TEST_F(ConquerWriterTest, AReportThatDoesNotGoBeyondMinSeqPrunesNothing) {
+  const auto sut = writer(1000);
+  for (std::uint32_t i = 0; i < 10; ++i) put(*sut, i, i);
+  KickPeer reader = KickPeer::connected(name_ + "/kick");
+  reader.send(hello());
+  reader.send(sequenceBytes(10));
+  loop_.runTurn();
+  loop_.runTurn();
+  ASSERT_EQ(sut->connectedReaders(), 1U);
+  for (std::uint32_t i = 10; i < 337; ++i) put(*sut, i, i);
+  EXPECT_EQ(minSeq(), 10U);
+  EXPECT_EQ(sut->writerCounters().prunes, 1U);
+  TraceText traces;
+  for (std::uint32_t i = 0; sut->writerCounters().compactions < 2; ++i) put(*sut, 500 + i, i);
+  EXPECT_TRUE(traces.has("ConquerWriter::prune() cannot prune, minSeq:10 lowestSequence:10"));
+  EXPECT_EQ(minSeq(), 10U);
+  EXPECT_EQ(sut->writerCounters().prunes, 1U);
+}
+
+class Cut : public testing::Test {
+ protected:
+  static std::uint32_t cut(const std::vector<std::uint64_t>& sequences, std::uint64_t minSeq) {
+    std::vector<Conquer::Entry> entries(sequences.size());
+    for (std::size_t i = 0; i < sequences.size(); ++i) entries[i].sequenceIs(sequences[i]);
+    return Writer::cut(entries.data(), static_cast<std::uint32_t>(entries.size()), minSeq);
+  }
+};
+
+TEST_F(Cut, NothingIsDroppedWithoutMinSeqOrBelowTheFirst) {
+  EXPECT_EQ(cut({}, 5), 0U);
+  EXPECT_EQ(cut({1, 2, 3}, 0), 0U);
+  EXPECT_EQ(cut({4, 5, 6}, 3), 0U);
+}
+
+TEST_F(Cut, TheFirstGoesWithMinSeqAndTheLastStays) {
+  EXPECT_EQ(cut({4, 5, 6}, 4), 1U);
+  EXPECT_EQ(cut({4, 5, 6}, 6), 2U);
+  EXPECT_EQ(cut({4}, 4), 1U);
+}
+
+TEST_F(Cut, AMinSeqBeyondTheLastDropsOne) { EXPECT_EQ(cut({4, 5, 6}, 7), 1U); }
+
+TEST_F(Cut, AnEntryInBetweenGoesWithAllBeforeIt) {
+  const std::vector<std::uint64_t> all{10, 20, 30, 40, 50, 60, 70};
+  EXPECT_EQ(cut(all, 20), 2U);
+  EXPECT_EQ(cut(all, 30), 3U);
+  EXPECT_EQ(cut(all, 40), 4U);
+  EXPECT_EQ(cut(all, 60), 6U);
+}
+
+// The rule as it stands: on one side of a gap the entry above minSeq goes too, on the other not.
+TEST_F(Cut, AGapLeavesByTheSideFromWhichItIsFound) {
+  const std::vector<std::uint64_t> all{10, 20, 30, 40, 50, 60, 70};
+  EXPECT_EQ(cut(all, 45), 5U) << "from below: 50, above minSeq, goes along";
+  EXPECT_EQ(cut(all, 35), 3U) << "from above: 30 is the last to go";
+  EXPECT_EQ(cut(all, 15), 1U);
+  EXPECT_EQ(cut(all, 65), 7U);
 }
 
 TEST_F(ConquerWriterTest, DamageInTheQueueIsNamedBeforeAnythingChanges) {

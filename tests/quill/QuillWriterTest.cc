@@ -135,6 +135,32 @@ TEST_F(QuillWriterTest, NextGoesOnFromAKeyThatHasBeenRemoved) {
   EXPECT_FALSE(sut->next(record.key, record, hint));
 }
 
+TEST_F(QuillWriterTest, AHintToASlotThatWasUsedAgainDoesNoHarm) {
+  const auto sut = writer();
+  for (const std::uint32_t key : {3U, 1005U, 1007U}) put(*sut, key, key);
+  NumberRecord record;
+  IterHint hint;
+  ASSERT_TRUE(sut->first(record, hint));
+  del(*sut, 3);
+  put(*sut, 1003, 0);  // in the slot of 3, in another chain
+  ASSERT_TRUE(sut->next({1003}, record, hint));
+  EXPECT_EQ(record.key.value, 1005U);
+}
+
+TEST_F(QuillWriterTest, ADetachedWriterIsNotSound) {
+  const auto sut = newWriter();
+  TraceText traces;
+  EXPECT_FALSE(sut->validate());
+  EXPECT_TRUE(traces.has("validation failed: the table is not attached"));
+}
+
+TEST_F(QuillWriterTest, ALocalTableHasNoFilesToCheck) {
+  const auto sut = newWriter(100, true);
+  ASSERT_TRUE(sut->initialize());
+  EXPECT_TRUE(sut->validateFiles());
+  EXPECT_TRUE(sut->validate());
+}
+
 TEST_F(QuillWriterTest, AnInventedHintDoesNoHarm) {
   const auto sut = writer();
   for (const std::uint32_t key : {3U, 5U, 1000U}) put(*sut, key, key);

@@ -63,6 +63,12 @@ TEST_F(RootPaths, EveryNameComesBackAndNoTwoShareADirectory) {
   }
 }
 
+TEST_F(RootPaths, AFileNameThatNoNameGivesIsNoName) {
+  EXPECT_EQ(Quill::decodedName(std::string(200, ' ')), "");
+  const RootPath sut(handler_, "/x/" + std::string(200, ' '), true);
+  EXPECT_EQ(sut.quillName(), std::string(200, ' '));
+}
+
 TEST_F(RootPaths, NamesThatCannotBeAreRefusedByName) {
   using Sable::InvalidInitializeException;
   EXPECT_EQ(textOfRaised<InvalidInitializeException>([] { Quill::encodedName(""); }),
