@@ -310,8 +310,15 @@ bool ConquerReader<KEY, VALUE, MAP>::doConquer(unsigned& consumed) {
           " tablePos:", count);
     }
     if (slot != kNoSlot) {
+      const std::uint64_t before = counters_->lastConsumedSequence;
       counters_->lastConsumedSequence = sequence;
-      shadow_->store()->doSlot(slot, false);
+      try {
+        shadow_->store()->doSlot(slot, false);
+      } catch (...) {
+        // Not consumed: whoever takes up the queue again begins with this entry.
+        counters_->lastConsumedSequence = before;
+        throw;
+      }
       ++counters_->notificationsConsumed;
       ++consumed;
       lastSeq_ = sequence;
@@ -347,8 +354,11 @@ std::uint64_t ConquerReader<KEY, VALUE, MAP>::conquer() {
        << " yieldTime:" << shadow_->yieldTime() << " currentPos:" << currentPos_
        << " start:" << start;
   });
-  for (std::uint32_t count = 0; !stopFlag_; ++count) {
-    if (const double limit = shadow_->yieldTime(); limit != 0.0 && shadow_->sample() <= count) {
+  // `any`: a time limit below the cost of reading the clock must not stop the queue for ever.
+  bool any = false;
+  for (std::uint32_t count = 0; !stopFlag_; ++count, any = true) {
+    if (const double limit = shadow_->yieldTime();
+        limit != 0.0 && shadow_->sample() <= count && any) {
       if (clock.now() - start > limit) {
         yielded_ = true;
         ++counters_->conquerYields;

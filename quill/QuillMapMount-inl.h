@@ -128,7 +128,14 @@ void QuillMap<KEY, VALUE, NOTIFY>::mountFirst(unsigned size) {
     auto mounter = std::make_unique<ReaderMounter>(*debugHandler_, self);
     readerMounter_ = mounter.get();
     mounter_ = std::move(mounter);
-    mounter_->notify("QuillMap::init()");
+    try {
+      mounter_->notify("QuillMap::init()");
+    } catch (const Sable::Exception& failure) {
+      // A shadow without a notifier is the caller's mistake; anything else is the table's, and the
+      // mounter tries again.
+      if (isShadow() && notifier_ == nullptr) throw;
+      trace(7, [&](std::ostream& os) { os << "QuillMap::init() not mounted: " << failure.msg(); });
+    }
   } else {
     implementation_ = std::make_unique<QuillWriter<KEY, VALUE>>(*debugHandler_, fullName_.c_str(),
                                                                 size, isLocal_, classType());

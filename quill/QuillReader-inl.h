@@ -331,6 +331,9 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
   const std::uint32_t ownFlags = slots_.read(hinted, own);
   if ((ownFlags & kOccupied) == 0 || own < key || key < own) return false;
   if (at.next == kNoSlot) {
+    // The end of the chain, or of the free list if the slot was taken and used again meanwhile. A
+    // bucket from elsewhere would skip or repeat some.
+    if (at.changed() || key.hash() % buckets_.numBuckets() != hint.bucket) return false;
     answer = doFirst(hint.bucket + 1, value, hint);
     return true;
   }
@@ -342,6 +345,8 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
   }
   const KEY stored = keyOf<KEY>(scratch_);
   if (stored.hash() % buckets_.numBuckets() != hint.bucket) [[unlikely]] {
+    // A bucket from elsewhere is the hint's fault and not the table's.
+    if (key.hash() % buckets_.numBuckets() != hint.bucket) return false;
     raise<CorruptionDetectedException>("QuillReader::doNext() corrupt key detected key:", stored,
                                        " bucketIndex ", hint.bucket);
   }

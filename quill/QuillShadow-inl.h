@@ -64,6 +64,9 @@ bool QuillShadow<KEY, VALUE, MAP>::doInitialize() {
 template <class KEY, class VALUE, class MAP>
 typename QuillShadow<KEY, VALUE, MAP>::Attach QuillShadow<KEY, VALUE, MAP>::doAttach() {
   attached_ = true;
+  // Of a table that was attached before, and may be of another generation now.
+  reader_.counters().syncedSequence = 0;
+  reader_.counters().lastConsumedSequence = 0;
   if (!reader_.initialize()) {
     this->trace(
         7, [](std::ostream& os) { os << "QuillShadow::initialize() quill.initialize() Failed"; });

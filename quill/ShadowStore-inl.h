@@ -300,7 +300,8 @@ bool ShadowStore<KEY, VALUE, SLOT, MAP, READER>::next(const KEY& key, VALUE& val
                                                       IterHint& hint) const {
   if (hint.slot < numSlots_ && hint.bucket < numBuckets_) {
     const SLOT& slot = slots_[hint.slot];
-    if (slot.link != nullptr && slot.key() == key) {
+    // The bucket too: one from elsewhere would skip or repeat some.
+    if (slot.link != nullptr && slot.key() == key && bucketOf(key) == hint.bucket) {
       return from(slot.next, hint.bucket, value, hint);
     }
   }

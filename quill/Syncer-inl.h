@@ -8,6 +8,7 @@
 #include "quill/Exceptions.h"
 #include "quill/Syncer.h"
 #include "quill/Text.h"
+#include "runtime/sable/Exceptions.h"
 
 namespace Quill {
 
@@ -33,7 +34,11 @@ bool Syncer<SHADOW>::sync(unsigned numSlots, bool resync) {
 
 template <class SHADOW>
 void Syncer<SHADOW>::timeout() {
+  // The loop has nobody to pass an exception to: what stopped the walk, such as a want of memory,
+  // may be over in a while.
+  inTimeout_ = true;
   static_cast<void>(doSync());
+  inTimeout_ = false;
 }
 
 template <class SHADOW>
@@ -115,6 +120,14 @@ bool Syncer<SHADOW>::visit(double start, unsigned& done) {
             [&](std::ostream& os) { os << "Syncer::doSync() corruption detected: " << message; });
       // Detaches the handle: this object may be out of use on return.
       shadow_->map()->corruptionDetected(message);
+      return false;
+    } catch (const Sable::Exception& failure) {
+      if (!inTimeout_) throw;
+      trace(7, [&](std::ostream& os) {
+        os << "Syncer::doSync() tries again in " << kRetryTime << " s: " << failure.msg();
+      });
+      ++currentSlot_;
+      if (!abandoned_) timer_->arm(kRetryTime);
       return false;
     }
     // A listener may have detached the handle.

@@ -27,6 +27,9 @@ namespace Quill {
 template <class SHADOW>
 class Syncer final : public Sable::Platform::TimeoutHandler, private Sable::Debuggable {
  public:
+  // Seconds from a walk that was stopped by something else than damage to its continuation.
+  static constexpr double kRetryTime = 1.0;
+
   // Works on the loop that is current now, and by its clock. Raises an internal exception if none
   // is.
   Syncer(Sable::Platform::DebugHandler& handler, SHADOW* shadow, Reader::Counters& counters);
@@ -64,6 +67,7 @@ class Syncer final : public Sable::Platform::TimeoutHandler, private Sable::Debu
   bool resync_ = false;
   unsigned currentSlot_ = 0;
   bool abandoned_ = false;
+  bool inTimeout_ = false;  // what is raised has nobody to go to
   const Vex::Ptr<Vex::Clock const> clock_;
 };
 

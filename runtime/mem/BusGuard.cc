@@ -48,18 +48,27 @@ std::mutex& mutex() {
 struct sigaction actionBefore;  // written before the handler is installed
 std::uintptr_t pageMask;        // as above
 
+// By a process, not by an access: there is no address in it.
+bool isSent(const siginfo_t& info) noexcept { return info.si_code <= 0; }
+
 void passOn(int signal, siginfo_t* info, void* context) {
   if ((actionBefore.sa_flags & SA_SIGINFO) != 0) {
     actionBefore.sa_sigaction(signal, info, context);
-  } else if (actionBefore.sa_handler == SIG_DFL || actionBefore.sa_handler == SIG_IGN) {
-    // The access is made again and ends the process as if nobody had been here.
+  } else if (actionBefore.sa_handler == SIG_DFL) {
     std::signal(signal, SIG_DFL);
+    // An access is made again and ends the process as if nobody had been here; a signal that was
+    // sent has to be sent once more.
+    if (isSent(*info)) static_cast<void>(raise(signal));
+  } else if (actionBefore.sa_handler == SIG_IGN) {
+    // Nobody can ignore an access that cannot be made.
+    if (!isSent(*info)) std::signal(signal, SIG_DFL);
   } else {
     actionBefore.sa_handler(signal);
   }
 }
 
 void onBus(int signal, siginfo_t* info, void* context) {
+  if (isSent(*info)) return passOn(signal, info, context);
   const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
   // The acquire pairs with the release in newRecord(): a record on the list is whole.
   for (auto* record = records.load(std::memory_order_acquire); record != nullptr;
