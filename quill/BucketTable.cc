@@ -22,7 +22,7 @@ bool BucketTable::Header::validate(std::uint32_t fileSize, std::uint32_t wantedF
     return wrong("BucketTable::validate() bad header file size: ", fileSize,
                  " wanted:", kHeaderSize);
   }
-  // [B1] These are stored once, before `fenix` is written to disk, and never change in a
+  // [O11] These are stored once, before `fenix` is written to disk, and never change in a
   // generation.
   const std::uint64_t foundMagic = magic.load(Mem::relaxed);
   if (foundMagic != Detail::magicWord(kMagic)) {

@@ -18,7 +18,7 @@ namespace Quill {
 
 namespace Detail {
 
-// [Q5] Acquire, both halves and the slot: a word of a later use of the table shows the switch away
+// [O12] Acquire, both halves and the slot: a word of a later use of the table shows the switch away
 // from it, so that the next look at the generation tells. Pairs with the releases of the entries in
 // ConquerWriter.
 inline std::uint64_t sequenceOf(const Conquer::Entry& entry) noexcept {
@@ -123,7 +123,7 @@ bool ConquerReader<KEY, VALUE, MAP>::doResize() {
   const auto id = static_cast<ConquerTableId>(currentTable_.value);
   // Relaxed: only decides whether to look closer.
   if (current_->notifications.version(Mem::relaxed) == notifications_[id].version()) return false;
-  // [Q4] Acquire: the file was long enough before this word was stored. Pairs with the release of
+  // [O10] Acquire: the file was long enough before this word was stored. Pairs with the release of
   // `notifications` in ConquerWriter::grow().
   const Mem::VerU32 word = current_->notifications.load(Mem::acquire);
   QuillMem& mem = mems_[id];
@@ -180,14 +180,14 @@ void ConquerReader<KEY, VALUE, MAP>::raiseTruncated(const QuillMem& mem) const {
 
 template <class KEY, class VALUE, class MAP>
 bool ConquerReader<KEY, VALUE, MAP>::swapped() const noexcept {
-  // Relaxed: either behind the acquires of [Q1] and [Q5], whose words show the switch if they come
+  // Relaxed: either behind the acquires of [O8] and [O12], whose words show the switch if they come
   // from a later use of the table, or before getTable(), which loads with acquire.
   return headers_[primary]->currentTable.version(Mem::relaxed) != currentTable_.version;
 }
 
 template <class KEY, class VALUE, class MAP>
 std::uint32_t ConquerReader<KEY, VALUE, MAP>::used() const noexcept {
-  // [Q1] Acquire: the entries below it are complete, and what they tell of is in its slot. Pairs
+  // [O8] Acquire: the entries below it are complete, and what they tell of is in its slot. Pairs
   // with the release of currentPos in ConquerWriter::notify() and compact().
   return current_->currentPos.load(Mem::acquire);
 }
@@ -225,7 +225,7 @@ bool ConquerReader<KEY, VALUE, MAP>::findPosition() {
 
 template <class KEY, class VALUE, class MAP>
 void ConquerReader<KEY, VALUE, MAP>::noteMissed(std::uint64_t newest) noexcept {
-  // Acquire, of currentTable too, behind which minSeq is at least as new as the switch [Q3]. A
+  // Acquire, of currentTable too, behind which minSeq is at least as new as the switch [O9]. A
   // minSeq above all sequences is none that a writer stores, and would never be reached.
   const std::uint64_t minSeq = headers_[primary]->minSeq.load(Mem::acquire);
   if (minSeq > std::max(lastSeq_, passed_) && minSeq <= newest) missed_ = true;
@@ -401,7 +401,7 @@ void ConquerReader<KEY, VALUE, MAP>::handleConnected() {
 template <class KEY, class VALUE, class MAP>
 void ConquerReader<KEY, VALUE, MAP>::handleAck() {
   if (headers_[primary] == nullptr) return;
-  // [Q2] Acquire. Pairs with the release of minSeq in ConquerWriter::compact().
+  // [O9] Acquire. Pairs with the release of minSeq in ConquerWriter::compact().
   const std::uint64_t minSeq = headers_[primary]->minSeq.load(Mem::acquire);
   const std::uint64_t sequence = counters_->lastConsumedSequence;
   trace(7, [&](std::ostream& os) {

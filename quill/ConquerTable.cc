@@ -17,7 +17,7 @@ bool Conquer::Header::validate(std::uint32_t fileSize, std::uint32_t wantedFenix
     return wrong("ConquerTable::validate() bad header file size: ", fileSize,
                  " wanted:", kHeaderSize);
   }
-  // [B1] The first three are stored once, before `fenix` is written to disk.
+  // [O11] The first three are stored once, before `fenix` is written to disk.
   const std::uint64_t foundMagic = magic.load(Mem::relaxed);
   if (foundMagic != Detail::magicWord(kMagic)) {
     return wrong("ConquerTable::validate() bad magic: ", std::hex, foundMagic);
@@ -48,7 +48,7 @@ Conquer::Conquer(Sable::Platform::DebugHandler& handler, const RootPath& root, b
             QuillMem(handler, root, "conquer.2", localMem)} {}
 
 void Conquer::getTable() {
-  // [Q3] Acquire: what the writer copied into the table is visible with the switch to it. Pairs
+  // [O9] Acquire: what the writer copied into the table is visible with the switch to it. Pairs
   // with the release of currentTable in ConquerWriter::compact().
   const Mem::VerU32 word = headers_[primary]->currentTable.load(Mem::acquire);
   if (word.value > secondary) {

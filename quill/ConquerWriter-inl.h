@@ -163,7 +163,7 @@ void ConquerWriter<VALUE>::notify(std::uint32_t slot) {
   fresh.slot.store(slot, Mem::release);
   ++counters_->notificationsSent;
   changed.conquerSlot.store(pos, Mem::release);
-  // [Q1] The entry, and the change it tells of, before the position that admits it. Pairs with the
+  // [O8] The entry, and the change it tells of, before the position that admits it. Pairs with the
   // acquire of currentPos in ConquerReader.
   current_->currentPos.store(pos + 1, Mem::release);
   counters_->lastSequence = sequence_;
@@ -272,7 +272,7 @@ void ConquerWriter<VALUE>::compact() {
     slots[slot].conquerSlot.store(to, Mem::release);
     other_->currentPos.store(++to, Mem::release);
   }
-  // [Q2] The target, then what is gone, then the switch. Pairs with the acquires of minSeq and of
+  // [O9] The target, then what is gone, then the switch. Pairs with the acquires of minSeq and of
   // currentTable in Conquer::getTable() and ConquerReader.
   Header& header = *headers_[primary];
   header.minSeq.store(minSeq, Mem::release);
@@ -308,7 +308,7 @@ void ConquerWriter<VALUE>::grow(ConquerTableId id) {
     regionIs(id, resized);
     getTable();
   }
-  // [Q4] The file is long enough before the count that says so. Pairs with the acquire of
+  // [O10] The file is long enough before the count that says so. Pairs with the acquire of
   // `notifications` in ConquerReader::doResize().
   tables_[id]->notifications.store(before.next(static_cast<std::uint32_t>(after)), Mem::release);
   ++counters_->conquerGrows;

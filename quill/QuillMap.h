@@ -18,7 +18,7 @@
 //  1. Before the first init() there is no implementation: what needs one raises
 //     Sable::RuntimeException. Afterwards there always is, also when init() raised.
 //  2. What can be inside a call on the stack is not destroyed before that call has returned:
-//     implementations that were mounted go at the loop's next turn.
+//     implementations that were mounted are destroyed by a deferred task of the loop.
 //  3. A mounting that fails or raises leaves the handle as if it had not been tried; a shadow that
 //     could not take up its table again is let go.
 //  4. Settings (notifications, times, samples) outlive every mounting.

@@ -70,7 +70,7 @@ bool QuillReader<KEY, VALUE>::attach() {
     Util::writeCorruptionFile(this->debugHandler(), root_.rootPath(), message);
     return false;
   }
-  // [B1] Constant since before the id was written to disk.
+  // [O11] Constant since before the id was written to disk.
   buckets_.numBucketsIs(buckets_.header()->numBuckets.load(Mem::relaxed));
   if (!slots_.validate(fenix_, message)) {
     failed("slots validate() failed");
@@ -107,7 +107,7 @@ unsigned QuillReader<KEY, VALUE>::members() const {
 
 template <class KEY, class VALUE>
 unsigned QuillReader<KEY, VALUE>::maxSize() const {
-  // [B1] Constant in a generation.
+  // [O11] Constant in a generation.
   return this->initialized_ ? slots_.header()->maxSlots.load(Mem::relaxed) : 0;
 }
 
@@ -223,7 +223,7 @@ template <class KEY, class VALUE>
 [[gnu::always_inline]] inline QuillReader<KEY, VALUE>::Position::Position(
     const SlotRef* from) noexcept
     : link(from) {
-  // [L1] Acquire: the slot that the link leads to was complete before the link was stored. Pairs
+  // [O1] Acquire: the slot that the link leads to was complete before the link was stored. Pairs
   // with the release of every link in QuillWriter and SlotWriterTable.
   const auto word = std::bit_cast<std::uint64_t>(from->load(Mem::acquire));
   version = static_cast<std::uint32_t>(word);
@@ -232,7 +232,7 @@ template <class KEY, class VALUE>
 
 template <class KEY, class VALUE>
 [[gnu::always_inline]] inline bool QuillReader<KEY, VALUE>::Position::changed() const noexcept {
-  // Relaxed: behind the acquires of [L2] and [L3]. Whoever saw a byte of the slot's next use sees
+  // Relaxed: behind the acquires of [O2] and [O4]. Whoever saw a byte of the slot's next use sees
   // here the store that took the slot from this chain.
   return link->version(Mem::relaxed) != version;
 }

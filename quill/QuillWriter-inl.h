@@ -88,14 +88,14 @@ template <class Key, class Value>
 void QuillWriter<Key, Value>::storeValue(Slot<Value>& slot, const Value& value) noexcept {
   const std::uint32_t flags = slot.flags.load(Mem::relaxed);
   if ((flags & kOccupied) != 0) {
-    // [W1] The whole value in `lookaside` before LOOKASIDE sends readers there; each word a release
+    // [O2] The whole value in `lookaside` before LOOKASIDE sends readers there; each word a release
     // after the last flags store, so that a reader that copied a mixed value sees flags that moved
     // on. Pairs with the acquires of flags and value words in SlotReaderTable.
     slots_.header()->lookaside.value.copyIn(&value);
   }
   slot.flags.store(flags + 2, Mem::release);
   slot.value.copyIn(&value);
-  // [W2] The value in the slot before LOOKASIDE is down again. Pairs as W1.
+  // [O3] The value in the slot before LOOKASIDE is down again. Pairs as [O2].
   slot.flags.store((flags + 4) | kOccupied, Mem::release);
 }
 
@@ -116,7 +116,7 @@ const Value* QuillWriter<Key, Value>::write(const Value& value, bool overwrite) 
     const Mem::VerU32 before = curr->load(Mem::relaxed);
     slot->ref.store(slot->ref.load(Mem::relaxed).next(before.value), Mem::release);
     storeValue(*slot, value);
-    // [W5] The slot whole before the link to it. Pairs with the acquire of links in QuillReader.
+    // [O1] The slot whole before the link to it. Pairs with the acquire of links in QuillReader.
     curr->store(before.next(index), Mem::release);
   }
   conquer_.notify(index);
@@ -133,7 +133,7 @@ bool QuillWriter<Key, Value>::remove(const Key& key, Value& old) {
   std::uint32_t index = kNoSlot;
   if (!find(key, bucket, curr, slot, index)) return false;
   slot->value.copyOut(&old);
-  // [W6] Off the chain before anything of the slot changes: a reader that sees a change of the slot
+  // [O5] Off the chain before anything of the slot changes: a reader that sees a change of the slot
   // sees that the link which brought it there has moved on. Pairs with the second look at a link's
   // version in QuillReader.
   const Mem::VerU32 next = slot->ref.load(Mem::relaxed);
@@ -184,7 +184,7 @@ void QuillWriter<Key, Value>::directCommit() {
   ++counters_.directCommits;
   const std::uint32_t flags = slot.flags.load(Mem::relaxed);
   if ((flags & kOccupied) != 0) {
-    // [W1] and [W2], as in storeValue(); the caller has filled in `lookaside`.
+    // [O2] and [O3], as in storeValue(); the caller has filled in `lookaside`.
     slot.flags.store(flags + 2, Mem::release);
     Value value;
     slots_.header()->lookaside.value.copyOut(&value);
@@ -194,7 +194,7 @@ void QuillWriter<Key, Value>::directCommit() {
     slot.flags.store((flags + 4) | kOccupied, Mem::release);
   }
   directSlot_ = kNoSlot;
-  // [W5], as in write().
+  // [O1], as in write().
   if (directNew_) directRef_->store(before.next(index), Mem::release);
   directNew_ = false;
   conquer_.notify(index);

@@ -39,7 +39,8 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
       : DeferredTask(manager),
         owner_(owner),
         manager_(manager),
-        timer_(Sable::Platform::getTimerControl(owner)) {}
+        timer_(Sable::Platform::getTimerControl(owner)),
+        retryTimer_(Sable::Platform::getTimerControl(retry_)) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() override { close(); }
@@ -62,7 +63,15 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   }
 
  private:
+  // The time before which no attempt was to be made is over.
+  struct Retry final : Sable::Platform::TimeoutHandler {
+    explicit Retry(Connection& connection) noexcept : connection_(connection) {}
+    void timeout() override { connection_.run(); }
+    Connection& connection_;
+  };
+
   void onReadable() override { owner_.fdEvent(socket_.get()); }
+  // The owner hears that there is no connection.
   void run() override;
 
   // The connection has ended by itself: the owner hears of it in the next turn.
@@ -78,6 +87,8 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   ReaderKickSm& owner_;
   Vex::ActivityManager& manager_;
   std::unique_ptr<Sable::Platform::TimerControl> timer_;
+  Retry retry_{*this};
+  std::unique_ptr<Sable::Platform::TimerControl> retryTimer_;
   KickDescriptor socket_;
   std::uint64_t opened_ = 0;  // connections so far: tells one from the next
   bool answered_ = false;
@@ -88,7 +99,9 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
 
 bool ReaderKickSm::Connection::open() {
   if (clock() < notBefore_) {
-    traceText("is not connected: the writer refused it just now");
+    // Whoever asked saw a writer, and may see nothing more of it: the attempt is made up for.
+    traceText("is not connected: the connection before ended just now, without an answer");
+    retryTimer_->arm(notBefore_ - clock());
     return false;
   }
   const KickDescriptor directory = openKickDirectory(owner_.kickRoot_.rootPath());
@@ -111,6 +124,7 @@ bool ReaderKickSm::Connection::open() {
     return false;
   }
   cancel();  // the loss of the connection before is of no interest any more
+  retryTimer_->cancel();
   socket_ = std::move(socket);
   ++opened_;
   answered_ = false;
@@ -122,6 +136,7 @@ bool ReaderKickSm::Connection::open() {
 
 void ReaderKickSm::Connection::close() noexcept {
   cancel();
+  retryTimer_->cancel();
   if (socket_.get() < 0) return;
   manager_.readableDel(socket_.get());
   socket_.reset();
@@ -238,8 +253,11 @@ ReaderKickSm::~ReaderKickSm() = default;
 bool ReaderKickSm::ready() const noexcept { return connection_ != nullptr; }
 
 void ReaderKickSm::doConnect() {
-  if (!ready() || connected_ || !connection_->open()) return;
-  handleConnected();
+  if (!ready() || connected_) return;
+  if (connection_->open()) return handleConnected();
+  // There may have been a writer in the meantime, or the last one may have gone before its news
+  // were read: the queue still has them.
+  if (mayRun()) connection_->timer().arm(kCatchUpTime);
 }
 
 void ReaderKickSm::sendSequence(const std::uint64_t& sequence) {

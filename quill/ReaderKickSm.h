@@ -33,8 +33,12 @@ class ReaderKickSm : private Sable::Platform::TimeoutHandler {
  public:
   // Seconds: after a batch that failed, after a report for which the socket had no room, and from a
   // connection that ended without the writer's answer to the next one. Without the last of them a
-  // reader that is refused would go round with its mounter for ever.
+  // reader that is refused would go round with its mounter for ever. An attempt that comes too
+  // early for it is made up for: handleConnected() is called again when the time is over.
   static constexpr double kRetryTime = 1.0;
+  // Seconds from an attempt to connect that found no writer to a batch. Not at once: a writer that
+  // is just coming may be giving the table up, which its new generation tells when it is done.
+  static constexpr double kCatchUpTime = 0.05;
 
   ReaderKickSm(const ReaderKickSm&) = delete;
   ReaderKickSm& operator=(const ReaderKickSm&) = delete;
@@ -43,7 +47,8 @@ class ReaderKickSm : private Sable::Platform::TimeoutHandler {
   // False: there is no loop to work on.
   bool ready() const noexcept;
   // Tries to open the connection; on success connected() and handleConnected(). Never waits. The
-  // writer answers after the first sendSequence(), by handleAck().
+  // writer answers after the first sendSequence(), by handleAck(). Without a writer a batch reads
+  // what the last one has left.
   void doConnect();
   // Reports up to where this reader has come. Nothing without a connection.
   void sendSequence(const std::uint64_t& sequence);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // Quill::Retired: objects that have been replaced but may still be at work further up the stack,
-// such as a shadow whose lost connection led to its own replacement. They are destroyed at the
-// beginning of the loop's next turn, when no handler runs.
+// such as a shadow whose lost connection led to its own replacement. They are destroyed by
+// a deferred task of the loop, that is when no other handler runs.
 //
 // Belongs to the activity thread, to the loop that was current when it was made, which must outlive
 // it. Owns what it is given; destroying it destroys the rest at once.

@@ -131,11 +131,11 @@ template <class T>
     const Slot<VALUE>& slot, T& own) const noexcept {
   static_assert(std::is_same_v<T, VALUE> || std::is_same_v<T, KEY>);
   for (;;) {
-    // [L2] Acquire: with LOOKASIDE up the whole new value is seen in `lookaside`, without it the
+    // [O2] Acquire: with LOOKASIDE up the whole new value is seen in `lookaside`, without it the
     // whole last value in the slot. Pairs with the releases of flags in the writer's store of a
     // value.
     const std::uint32_t flags = slot.flags.load(Mem::acquire);
-    // [L3] Each word with acquire: a word of a later write shows the flags that were stored before
+    // [O4] Each word with acquire: a word of a later write shows the flags that were stored before
     // it, so that the test below fails. Pairs with the releases of the words in the writer's store
     // of a value, into the slot or into `lookaside`.
     if ((flags & kLookaside) != 0) [[unlikely]] {
@@ -144,7 +144,7 @@ template <class T>
     } else {
       slot.value.copyOut(&own, sizeof(T));
     }
-    // Relaxed: behind the acquires of [L3] it is at least as new as what they saw. The count in the
+    // Relaxed: behind the acquires of [O4] it is at least as new as what they saw. The count in the
     // word never returns to an earlier state within a read.
     if (slot.flags.load(Mem::relaxed) == flags) [[likely]]
       return flags;

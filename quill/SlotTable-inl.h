@@ -44,7 +44,7 @@ inline std::uint32_t hashOf(std::uint32_t number) noexcept {
 
 template <class VALUE>
 SlotTable<VALUE>::HeaderCopy::HeaderCopy(const Header& header) noexcept {
-  // [S2] numSlots first and its version last: the loads between see one state of a growth, or the
+  // [O7] numSlots first and its version last: the loads between see one state of a growth, or the
   // version tells. Pairs with the release of numSlots in SlotWriterTable::grow().
   do {
     numSlots = header.numSlots.load(Mem::acquire);

@@ -144,7 +144,7 @@ void SlotWriterTable<VALUE>::free(std::uint32_t index) {
   SlotRef& link = slots_[index].ref;
   const std::uint32_t before = this->header_->freeSlots.load(Mem::relaxed);
   this->header_->freeSlots.store(index, Mem::release);
-  // [W3] The version rises with the move to the free list, so that a reader that followed the chain
+  // [O6] The version rises with the move to the free list, so that a reader that followed the chain
   // into this slot sees that the link it stands on is not the one it read.
   link.store(link.load(Mem::relaxed).next(before), Mem::release);
   this->header_->occupiedSlots.store(occupiedSlots() - 1, Mem::release);
@@ -184,7 +184,7 @@ bool SlotWriterTable<VALUE>::grow() {
   slots_.highest_ = count - 1;
   for (std::uint32_t i = before; i < count; ++i) Base::freshSlot(slots_[i]);
   const std::uint32_t head = addFreeSlots(before, count);
-  // [W4] The new slots are whole and linked before the count that admits them. Pairs with the
+  // [O7] The new slots are whole and linked before the count that admits them. Pairs with the
   // acquire of numSlots in SlotReaderTable::doResize() and in the copy of the header.
   SlotRef& numSlots = this->header_->numSlots;
   numSlots.store(numSlots.load(Mem::relaxed).next(count), Mem::release);

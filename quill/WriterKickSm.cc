@@ -142,13 +142,10 @@ void WriterKickSm::doEnableListen() {
 
 void WriterKickSm::deleteKickSocket() noexcept {
   stopWaitingForReaders();
-  readers_.reset();
-  connected_ = 0;
-  sleepers_ = 0;
   if (listening_.get() >= 0) {
-    listening_.reset();
-    // Only this writer's own: where the directory was taken away and made anew by hand, another
-    // writer may be at home in it.
+    // The name first: a reader whose connection ends here must not find the way back to a writer
+    // that is going. Only this writer's own: where the directory was taken away and made anew by
+    // hand, another writer may be at home in it.
     struct stat status {};
     const std::string path = kickRoot_.filePath(kSocket);
     if (lstat(path.c_str(), &status) == 0 && status.st_dev == socketDevice_ &&
@@ -156,6 +153,10 @@ void WriterKickSm::deleteKickSocket() noexcept {
       kickRoot_.removeFile(kSocket);
     }
   }
+  readers_.reset();
+  connected_ = 0;
+  sleepers_ = 0;
+  listening_.reset();
   if (lock_ >= 0) Util::releaseWriterLock(kickHandler_, lock_);
   lock_ = -1;
 }

@@ -8,33 +8,14 @@
 // Changes are not told to notifiees: whoever follows counters follows the place where they live.
 #pragma once
 
-#include <cstdint>
-
+#include "model/status/CounterIntf.h"
+#include "model/status/CounterVlan.h"
 #include "runtime/bridging/VlanId.h"
 #include "runtime/portus/IntfId.h"
 #include "runtime/vex/Collection.h"
 #include "runtime/vex/Entity.h"
 
 namespace Ringward::Status {
-
-// Counts of one interface. They wrap at 32 bits.
-struct CounterIntf {
-  Portus::IntfId key;
-  std::uint32_t tx = 0;       // probes handed to the interface's Pam
-  std::uint32_t rx = 0;       // valid probes received on it
-  std::uint32_t rxOther = 0;  // frames received on it that are no valid probes
-  friend auto operator<=>(const CounterIntf&, const CounterIntf&) = default;
-  bool operator!() const { return *this == CounterIntf(); }
-};
-
-// Counts of one VLAN; key 0 stands for frames without a known VLAN.
-struct CounterVlan {
-  Bridging::VlanIdOrNone key;
-  std::uint32_t tx = 0;
-  std::uint32_t rx = 0;
-  std::uint32_t rxOther = 0;
-  friend auto operator<=>(const CounterVlan&, const CounterVlan&) = default;
-};
 
 class PacketCounter final : public Vex::EntityOf<PacketCounter> {
  public:

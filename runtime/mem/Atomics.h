@@ -172,9 +172,12 @@ class alignas(8) SharedBytes {
   unsigned char raw_[kSize];
 };
 
-static_assert(sizeof(SharedU32) == 4 && alignof(SharedU32) == 4);
-static_assert(sizeof(SharedVerU32) == 8 && alignof(SharedVerU32) == 8);
-static_assert(sizeof(SharedU64) == 8 && alignof(SharedU64) == 8);
+static_assert(sizeof(SharedU32) == 4);
+static_assert(alignof(SharedU32) == 4);
+static_assert(sizeof(SharedVerU32) == 8);
+static_assert(alignof(SharedVerU32) == 8);
+static_assert(sizeof(SharedU64) == 8);
+static_assert(alignof(SharedU64) == 8);
 
 // --- the copies, word by word. Inline: a lookup copies a handful of words.
 

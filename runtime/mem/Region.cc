@@ -98,7 +98,7 @@ void Local::detach() noexcept {
   file_ = -1;
 }
 
-Shared::Shared(std::string directory, std::string name, bool, unsigned, bool)
+Shared::Shared(std::string directory, const std::string& name, bool, unsigned, bool)
     : path_(std::move(directory)) {
   path_ += '/';
   path_ += name;

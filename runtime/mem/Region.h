@@ -76,7 +76,8 @@ class Shared : public Local {
 
   // Records only. `flags` is SHARED_DEFAULT_FLAGS or LOCAL_DEFAULT_FLAGS; with the latter the
   // operations of Local are the ones to use. The two booleans are unused and false.
-  Shared(std::string directory, std::string name, bool reserved1, unsigned flags, bool reserved2);
+  Shared(std::string directory, const std::string& name, bool reserved1, unsigned flags,
+         bool reserved2);
 
   // Maps the first `size` bytes of the file. Mode readWrite makes the file, or makes it longer, as
   // needed; readOnly needs a file (ENOENT), and what lies behind its end reads as zeros

@@ -159,5 +159,41 @@ TEST(StoreLab, AReaderNeedsNoRightToWriteAnywhere) {
   });
 }
 
+// Writers that live for one change, each in a process of its own and without a pause between them:
+// a shadow hears of each, from its connection, or from what the writer has left.
+TEST(StoreLab, AShadowFollowsWritersThatComeAndGo) {
+  onFileSystem("4m", [] {
+    Vex::EpollActivityManager loop;
+    const Vex::CurrentActivityManager current(loop);
+    Changes changes;
+    Map shadow("/run/tables/t", "lab");
+    shadow.notifierIs(&changes);
+    shadow.init(Quill::QuillType::shadow, false, 0);
+    for (std::uint32_t life = 1; life <= 40; ++life) {
+      const pid_t child = fork();
+      if (child == 0) {
+        Vex::EpollActivityManager own;
+        const Vex::CurrentActivityManager ownCurrent(own);
+        Sable::Platform::DebugHandler handler("lab");
+        Writer writer(handler, "/run/tables/t", 100, false, "lab");
+        writer.initialize();
+        // Some meet the shadow, some do not.
+        for (std::uint32_t turn = 0; turn < life % 4; ++turn) own.runTurn(0.01);
+        writer.write({{1}, life}, true);
+        for (std::uint32_t turn = 0; turn < life % 3; ++turn) own.runTurn(0.01);
+        writer.detach();
+        _exit(0);
+      }
+      bool found = false;
+      require(turnsUntil(loop, [&] { return shadow.lookup({1}, found).data == life; }),
+              "the shadow did not hear of life " + std::to_string(life));
+      int status = -1;
+      require(turnsUntil(loop, [&] { return waitpid(child, &status, WNOHANG) == child; }),
+              "the writer did not end");
+      require(WIFEXITED(status) && WEXITSTATUS(status) == 0, "the writer failed");
+    }
+  });
+}
+
 }  // namespace
 }  // namespace RingwardLab

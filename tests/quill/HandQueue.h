@@ -148,15 +148,15 @@ class LookingClock final : public Vex::Clock {
 
 class LookingLoop final : public Vex::ActivityManager {
  public:
-  LookingLoop() : LookingLoop(new LookingClock) {}
+  LookingLoop() : LookingLoop(Vex::makePtr<LookingClock>()) {}
   const LookingClock& looking() const { return *looking_; }
   void readableIs(int, Vex::ReadableHandler&) override {}
   void readableDel(int) noexcept override {}
 
  private:
-  explicit LookingLoop(LookingClock* looking)
-      : ActivityManager(Vex::Ptr<Vex::Clock const>(looking)), looking_(looking) {}
-  LookingClock* looking_;
+  explicit LookingLoop(const Vex::Ptr<LookingClock>& looking)
+      : ActivityManager(looking), looking_(looking) {}
+  Vex::Ptr<LookingClock> looking_;
 };
 
 // What a queue reader asks of the map.

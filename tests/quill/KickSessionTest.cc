@@ -72,17 +72,17 @@ TEST_F(KickSessionTest, SleepAtTheLastSequenceSleepsAndBelowItIsKicked) {
 
 TEST_F(KickSessionTest, RateCountsPerSecondOfTheClock) {
   introduce(0);
-  for (unsigned i = 2; i < 10'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
+  for (unsigned i = 2; i < 200'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
   now_ += 1.0;
-  for (unsigned i = 0; i < 10'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
+  for (unsigned i = 0; i < 200'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
   now_ += 0.999;
   EXPECT_EQ(Effect::refused, take(KickType::sequence, 0));
-  EXPECT_EQ("more than 10000 messages in a second", reason_);
+  EXPECT_EQ("more than 200000 messages in a second", reason_);
 }
 
 TEST_F(KickSessionTest, ClockThatGoesBackBeginsANewSecond) {
   introduce(0);
-  for (unsigned i = 2; i < 10'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
+  for (unsigned i = 2; i < 200'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));
   now_ -= 100.0;
   EXPECT_EQ(Effect::none, take(KickType::sequence, 0));
 }

@@ -2,6 +2,7 @@
 //
 // Handles as their table's writer comes and goes: real directories and sockets, virtual time.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -147,6 +148,41 @@ TEST_F(QuillMapMountTest, AShadowOutlivesTheLossOfItsConnectionAndConnectsAgain)
   loop_.runFor(61.0);
   EXPECT_EQ(sut->mountStatus(), 2U);
   EXPECT_EQ(at(*sut, "eth1"), intfRecord("eth1", 2));
+}
+
+TEST_F(QuillMapMountTest, AShadowIsReplacedFromInsideItsOwnLostConnectionAndEndsLater) {
+  // The loop looks at descriptors by their numbers: with low ones to spare, the connection gets one
+  // below the directory's watch. Its loss is found in one turn and acted on in the next, ahead of
+  // what the directory tells then.
+  std::vector<int> spare;
+  for (int i = 0; i < 16; ++i) spare.push_back(dup(STDERR_FILENO));
+  const auto sut = newReader(QuillType::shadow);
+  for (const int fd : spare) close(fd);
+  auto writer = newWriter();
+  writer->write(intfRecord("eth1", 1));
+  settle();
+  ASSERT_EQ(sut->mountStatus(), 2U);
+  writer->controlDetach();
+  loop_.runTurn();
+  writer->cleanup();
+  writer.reset();
+  writer = newWriter();
+  writer->write(intfRecord("eth2", 2));
+  const TraceText traces;
+  settle();
+  const std::string text = traces.text();
+  const std::size_t lost = text.find("eventName: QuillMap::handleDisconnect()");
+  const std::size_t mounted = text.find("QuillMap::attach() successful");
+  ASSERT_NE(lost, std::string::npos);
+  EXPECT_LT(lost, mounted);
+  ASSERT_NE(mounted, std::string::npos);
+  // The old one's end, told by its reader, comes when the handler has gone on after the mounting.
+  const std::size_t ended = text.find("QuillReader::detach() already detached");
+  const std::size_t wentOn = text.find("QuillShadow::mountStatus(): 2", mounted);
+  ASSERT_NE(wentOn, std::string::npos);
+  EXPECT_GT(ended, wentOn);
+  EXPECT_EQ(at(*sut, "eth2"), intfRecord("eth2", 2));
+  EXPECT_EQ(sut->members(), 1U);
 }
 
 TEST_F(QuillMapMountTest, WithNotificationsOffANewGenerationIsMountedWhenTheyComeOnAgain) {

@@ -32,7 +32,7 @@ class RawFile {
     return text;
   }
   std::string all() const { return bytes(0, size()); }
-  std::size_t size() const { return std::filesystem::file_size(path_); }
+  std::size_t size() const { return static_cast<std::size_t>(std::filesystem::file_size(path_)); }
 
  private:
   template <class T>

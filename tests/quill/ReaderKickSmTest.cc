@@ -432,6 +432,50 @@ TEST_F(ReaderKickSmTest, RefusedReaderWaitsASecondBeforeItTriesAgain) {
   EXPECT_TRUE(sut_->connected());
 }
 
+// The occasion for the attempt, such as the next writer's start, may be the last for a long time.
+TEST_F(ReaderKickSmTest, AnAttemptThatComesTooEarlyIsMadeUpFor) {
+  sut_->onConnected = [this] {
+    if (!sut_->connected()) sut_->doConnect();
+  };
+  listen();
+  sut_->doConnect();
+  listening_.accepted().hangUp();
+  turns();
+  EXPECT_FALSE(sut_->connected());
+  loop_.runFor(0.99);
+  EXPECT_FALSE(sut_->connected());
+  loop_.runFor(0.02);
+  EXPECT_TRUE(sut_->connected());
+  EXPECT_EQ((std::vector<bool>{true, false, false, true}), sut_->connectedEvents);
+}
+
+TEST_F(ReaderKickSmTest, WithoutAWriterABatchReadsWhatTheLastOneLeft) {
+  followIs(3);
+  listening_ = {};
+  writer_.hangUp();
+  turns();
+  EXPECT_FALSE(sut_->connected());
+  sut_->doConnect();
+  EXPECT_EQ(0U, sut_->batches) << "a writer that is just coming may give the table up";
+  loop_.runFor(0.06);
+  EXPECT_EQ(1U, sut_->batches);
+  loop_.runFor(100.0);
+  EXPECT_EQ(1U, sut_->batches);
+}
+
+TEST_F(ReaderKickSmTest, AClosedConnectionMakesUpForNothing) {
+  sut_->onConnected = [this] {
+    if (!sut_->connected()) sut_->doConnect();
+  };
+  listen();
+  sut_->doConnect();
+  listening_.accepted().hangUp();
+  turns();
+  sut_->doCloseWriterConnection(true);
+  loop_.runFor(5.0);
+  EXPECT_FALSE(sut_->connected());
+}
+
 TEST_F(ReaderKickSmTest, AnsweredReaderTriesAgainAtOnce) {
   sut_->onConnected = [this] {
     if (!sut_->connected()) sut_->doConnect();
