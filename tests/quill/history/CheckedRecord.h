@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // A value that tells by itself whether it is whole: each of its words follows from its key and its
-// counter. A mixture of two values, or a value of another key, has words that do not. And the keys
-// of the histories: few, so that they meet, and three long chains, so that places in them matter.
+// counter. A mixture of two values, or a value of another key, has words that do not. It is large,
+// so that there is time to look at it, or to die, while it is being stored. And the keys of the
+// histories: few, so that they meet, and three long chains, so that places in them matter.
 #pragma once
 
 #include <array>
@@ -19,12 +20,12 @@ struct CheckedRecord {
 
   Number key;
   std::uint32_t counter = 0;
-  std::array<std::uint32_t, 9> words{};
+  std::array<std::uint32_t, 57> words{};
 
   bool whole() const noexcept;
   friend bool operator==(const CheckedRecord&, const CheckedRecord&) = default;
 };
-static_assert(sizeof(CheckedRecord) == 44);
+static_assert(sizeof(CheckedRecord) == 236);
 
 inline CheckedRecord checkedRecord(std::uint32_t key, std::uint32_t counter) noexcept {
   CheckedRecord record{{key}, counter, {}};

@@ -20,7 +20,7 @@ namespace {
 constexpr std::uint64_t kBucketsFenix = 12;
 constexpr std::uint64_t kBucketHeads = 24;
 constexpr std::uint64_t kOccupiedSlots = 160;
-constexpr std::uint64_t kSlot = 64;
+constexpr std::uint64_t kSlot = 256;
 constexpr std::uint64_t kFirstSlot = 176 + kSlot;
 constexpr std::uint64_t kFlags = 12;
 constexpr std::uint64_t kMinSeq = 16;

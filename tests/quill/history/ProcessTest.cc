@@ -144,7 +144,7 @@ class ProcessTest : public testing::Test {
       return journal_->seen[1] != table.sequence() || journal_->seen[3] != table.sequence();
     };
     for (unsigned turns = 0; behind(); ++turns) {
-      if (turns == 10'000'000) wrong("a shadow does not follow");
+      if (turns == 3'000'000) wrong("a shadow does not follow");
       if (!loop.runTurn()) sched_yield();
     }
     while (loop.runTurn()) {
