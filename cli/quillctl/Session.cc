@@ -82,7 +82,10 @@ TableNames tableNames(Sable::Platform::DebugHandler& handler, const std::string&
     const std::string file = entry->d_name;
     if (file == "." || file == "..") continue;
     const std::string name = Quill::decodedName(file);
-    const bool isTable = !name.empty() && TableFacts(handler, root + "/" + file).exists();
+    std::string path = root;
+    path += '/';
+    path += file;
+    const bool isTable = !name.empty() && TableFacts(handler, path).exists();
     (isTable ? names.tables : names.ignored).push_back(isTable ? name : file);
   }
   std::sort(names.tables.begin(), names.tables.end());
