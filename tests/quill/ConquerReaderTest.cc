@@ -287,6 +287,18 @@ TEST_F(ConquerReader, ABatchYieldsWhenItsTimeIsOver) {
   EXPECT_FALSE(sut.yielded_);
 }
 
+TEST_F(ConquerReader, ABatchThatHasNoTimeTakesAnEntryAllTheSame) {
+  fill(0, 3);
+  attach();
+  EXPECT_TRUE(sut.doResize());
+  shadow_.yieldTime_ = 0.5;  // each look at the clock takes a second
+  shadow_.sample_ = 0;
+  const std::uint64_t before = sut.latestSequence();
+  for (int batch = 0; batch < 3; ++batch) sut.conquer();
+  EXPECT_EQ(counters_.notificationsConsumed, 3U);
+  EXPECT_EQ(sut.conquer(), before);
+}
+
 TEST_F(ConquerReader, ABatchIsTracedWithTheTimeThatItTook) {
   fill(0, 3);
   attach();

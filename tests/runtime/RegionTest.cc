@@ -173,6 +173,32 @@ TEST_F(RegionDeathTest, ABusErrorElsewhereStillEndsTheProcess) {
       testing::KilledBySignal(SIGBUS), "");
 }
 
+TEST_F(RegionDeathTest, ASignalThatIsIgnoredIsIgnoredWithAMappingToo) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        std::signal(SIGBUS, SIG_IGN);
+        Mem::Shared sut = shared();
+        const auto* seen =
+            static_cast<const volatile char*>(sut.attach(2 * Mem::pageSize_, Mem::Mode::readWrite));
+        raise(SIGBUS);
+        static_cast<void>(!truncate(path().c_str(), 0));
+        std::exit(seen[Mem::pageSize_] == 0 && sut.truncated() ? 7 : 8);
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+TEST_F(Region, AFileThatHasShrunkIsNotMappedAnewByAResize) {
+  Mem::Shared sut = shared();
+  const auto* seen = static_cast<const char*>(sut.attach(2 * Mem::pageSize_, Mem::Mode::readWrite));
+  ASSERT_EQ(truncate(path().c_str(), 0), 0);
+  EXPECT_EQ(seen[Mem::pageSize_], 0);
+  EXPECT_EQ(sut.resize(4 * Mem::pageSize_), nullptr);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(seen[0], 0) << "still mapped";
+  EXPECT_TRUE(sut.truncated());
+}
+
 TEST(LocalRegion, GrowsAndShrinksWithItsFirstBytesKept) {
   Mem::Local sut;
   auto* base = static_cast<char*>(sut.attach(100, Mem::Mode::readWrite));
