@@ -44,6 +44,7 @@ class Batch final : private Vex::ReadableHandler {
     } catch (const Vex::Exception&) {
       waits = false;  // epoll(7) takes no regular file
     }
+    writing_.turnsIs(!waits);
     while (!ended_ && !stopped_) {
       session_.loop().runTurn(waits ? Vex::kNever : 0);
       stopped_ = writing_.stopped();

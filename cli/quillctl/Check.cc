@@ -63,6 +63,15 @@ std::string findingOf(const TraceTexts& traces, const PrivateCopy& copy, const T
   return "the table's writer would give it up";
 }
 
+// The size for which the table was made: a writer finds its chains by it. One that does not go with
+// the chains that there are is damage, which a writer of any other size finds; it might be
+// enormous.
+std::uint32_t sizeOf(const TableFacts& facts) {
+  const std::uint32_t size = facts.slots.maxSlots;
+  const std::uint32_t buckets = Quill::BucketTable::bucketsFor(size, Mem::pageSize_);
+  return facts.buckets.numBuckets == buckets ? size : 1;
+}
+
 template <class Value>
 Verdict tryToAttach(Sable::Platform::DebugHandler& handler, const TableFacts& facts) {
   const PrivateCopy copy(facts);
@@ -70,9 +79,8 @@ Verdict tryToAttach(Sable::Platform::DebugHandler& handler, const TableFacts& fa
   Verdict verdict;
   const TraceTexts traces;
   try {
-    // The size counts for what is formatted only, and then the table is lost already.
-    Quill::QuillWriter<KeyOf<Value>, Value> writer(handler, copy.table().c_str(), 1, false,
-                                                   facts.slots.classType);
+    Quill::QuillWriter<KeyOf<Value>, Value> writer(handler, copy.table().c_str(), sizeOf(facts),
+                                                   false, facts.slots.classType);
     writer.initialize();
     verdict.entries = writer.members();
     if (fenix == 0 || writer.fenixId() != fenix) {

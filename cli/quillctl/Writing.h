@@ -72,6 +72,8 @@ class Writing {
       visit(static_cast<const Value&>(value));
     }
   }
+  // Off: the changes are made inside a turn of the loop, which looks after everybody between them.
+  void turnsIs(bool on) noexcept { turns_ = on; }
   // A signal asks the command to end.
   bool stopped() { return stop_.came() != 0; }
   std::uint32_t changes() const noexcept { return changes_; }
@@ -98,13 +100,14 @@ class Writing {
   };
 
   void changed() {
-    if (++changes_ % kChangesPerTurn == 0) session_.loop().runTurn(0);
+    if (++changes_ % kChangesPerTurn == 0 && turns_) session_.loop().runTurn(0);
   }
 
   Session& session_;
   StopSignals stop_;
   Quill::QuillWriter<Key, Value> writer_;
   std::uint32_t changes_ = 0;
+  bool turns_ = true;
 };
 
 }  // namespace Quillctl
