@@ -171,6 +171,7 @@ const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const 
     const VALUE& result = find(own, found);
     if (!unsettled()) [[likely]]
       return result;
+    found = false;  // not believed: what follows may raise
     settle();
   } catch (const CorruptionDetectedException& damage) {
     afterDamage(damage);
@@ -181,7 +182,11 @@ const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const 
 template <class KEY, class VALUE>
 [[gnu::noinline, gnu::cold]] const VALUE& QuillReader<KEY, VALUE>::lookupAgain(KEY key,
                                                                                bool& found) const {
-  return believed([&]() -> const VALUE& { return doLookup(key, found); });
+  found = false;
+  bool there = false;  // told only if it is believed
+  const VALUE& result = believed([&]() -> const VALUE& { return doLookup(key, there); });
+  found = there;
+  return result;
 }
 
 template <class KEY, class VALUE>
