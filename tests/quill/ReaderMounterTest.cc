@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #include "quill/FenixFile.h"
-#include "tests/quill/FakeMap.h"
+#include "tests/quill/FakeMountable.h"
 #include "tests/quill/SystemLogText.h"
 #include "tests/quill/TestTable.h"
 
@@ -29,7 +29,7 @@ class ReaderMounterTest : public TableTest {
   // A handle that has `fenix` mounted, and its mounter.
   void handleIs(QuillType mode, unsigned fenix, unsigned status) {
     sut_.reset();
-    map_ = std::make_unique<FakeMap>(root_.table(name_), mode);
+    map_ = std::make_unique<FakeMountable>(root_.table(name_), mode);
     map_->fenix = fenix;
     map_->status = status;
     sut_.emplace(handler_, *map_);
@@ -43,7 +43,7 @@ class ReaderMounterTest : public TableTest {
   }
 
   std::string name_ = "table";
-  std::unique_ptr<FakeMap> map_;
+  std::unique_ptr<FakeMountable> map_;
   std::optional<ReaderMounter> sut_;
 };
 
@@ -246,7 +246,7 @@ TEST(ReaderMounterWithoutLoop, MountsWhenNotifiedAndDoesNotWatch) {
   Sable::Platform::DebugHandler handler("test");
   std::filesystem::create_directories(root.table("table"));
   Quill::FenixFile::write(handler, root.table("table"), 8);
-  FakeMap map(root.table("table"), QuillType::reader);
+  FakeMountable map(root.table("table"), QuillType::reader);
   const TraceText traces;
   ReaderMounter sut(handler, map);
   EXPECT_TRUE(traces.has("ReaderMounter unable to initialize mounterSm"));

@@ -5,7 +5,7 @@
 
 #include "quill/FenixFile.h"
 #include "quill/Util.h"
-#include "tests/quill/FakeMap.h"
+#include "tests/quill/FakeMountable.h"
 #include "tests/quill/TestTable.h"
 
 namespace QuillTest {
@@ -24,7 +24,7 @@ class WriterMounterTest : public TableTest {
   void report(const std::string& text) { Quill::Util::writeCorruptionFile(handler_, path_, text); }
 
   const std::string path_ = root_.table("table");
-  FakeMap map_{path_, QuillType::writer};
+  FakeMountable map_{path_, QuillType::writer};
 };
 
 TEST_F(WriterMounterTest, WithoutAReportOnlyTheFilesAreChecked) {
@@ -87,7 +87,7 @@ TEST_F(WriterMounterTest, AReportThatAppearsInTheDirectoryIsHeard) {
 TEST(WriterMounterWithoutLoop, CannotBeMade) {
   const TemporaryRoot root;
   Sable::Platform::DebugHandler handler("test");
-  FakeMap map(root.table("table"), QuillType::writer);
+  FakeMountable map(root.table("table"), QuillType::writer);
   const std::string text =
       "WriterMounter::WriterMounter() unable to initialize mounterSm for rootPath: " +
       root.table("table");

@@ -11,9 +11,9 @@
 
 namespace QuillTest {
 
-class FakeMap final : public Quill::Mountable {
+class FakeMountable final : public Quill::Mountable {
  public:
-  FakeMap(std::string path, Quill::QuillType mode) : path_(std::move(path)), mode_(mode) {}
+  FakeMountable(std::string path, Quill::QuillType mode) : path_(std::move(path)), mode_(mode) {}
 
   const std::string& fullName() const override { return path_; }
   Quill::QuillType mode() const override { return mode_; }
