@@ -29,16 +29,14 @@ bool Syncer<SHADOW>::sync(unsigned numSlots, bool resync) {
   resync_ = resync;
   currentSlot_ = numSlots;
   abandoned_ = false;
-  return doSync();
+  return doSync(Caller::owner);
 }
 
 template <class SHADOW>
 void Syncer<SHADOW>::timeout() {
   // The loop has nobody to pass an exception to: what stopped the walk, such as a want of memory,
   // may be over in a while.
-  inTimeout_ = true;
-  static_cast<void>(doSync());
-  inTimeout_ = false;
+  static_cast<void>(doSync(Caller::loop));  // may end this object
 }
 
 template <class SHADOW>
@@ -60,7 +58,7 @@ void Syncer<SHADOW>::abandon() noexcept {
 }
 
 template <class SHADOW>
-bool Syncer<SHADOW>::doSync() {
+bool Syncer<SHADOW>::doSync(Caller caller) {
   if (stopped_) {
     trace(8,
           [&](std::ostream& os) { os << "Syncer::doSync() notifications temporarily disabled"; });
@@ -74,7 +72,7 @@ bool Syncer<SHADOW>::doSync() {
        << " start:" << start;
   });
   unsigned done = 0;
-  if (!visit(start, done)) return false;
+  if (!visit(start, done, caller)) return false;
   trace(8, [&](std::ostream& os) {
     os << "Syncer::doSync() Synced " << done << " slots in " << clock_->now() - start
        << " seconds, currentSlot:" << currentSlot_ << " yield:" << yielded_ << " stop:" << stopped_;
@@ -98,7 +96,7 @@ bool Syncer<SHADOW>::doSync() {
 }
 
 template <class SHADOW>
-bool Syncer<SHADOW>::visit(double start, unsigned& done) {
+bool Syncer<SHADOW>::visit(double start, unsigned& done, Caller caller) {
   unsigned sinceCheck = 0;
   while (!stopped_ && currentSlot_ != 0) {
     // `done`: a time limit below the cost of reading the clock must not stop the walk for ever.
@@ -122,7 +120,7 @@ bool Syncer<SHADOW>::visit(double start, unsigned& done) {
       shadow_->map()->corruptionDetected(message);
       return false;
     } catch (const Sable::Exception& failure) {
-      if (!inTimeout_) throw;
+      if (caller == Caller::owner) throw;
       trace(7, [&](std::ostream& os) {
         os << "Syncer::doSync() tries again in " << kRetryTime << " s: " << failure.msg();
       });

@@ -11,11 +11,13 @@
 // corruptionDetected(); initialized(), yieldTime() and sample(); and syncComplete().
 //
 // Invariants:
-//  1. currentSlot() is the number of slots still to visit. It falls only, until the next sync().
+//  1. currentSlot() is the number of slots still to visit. It rises with sync() only, and by the
+//  one slot that is to be visited again.
 //  2. A walk visits at least one slot each time it runs.
 //  3. After abandon() nothing is visited and syncComplete() is not called, until the next sync().
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "quill/Counters.h"
@@ -42,7 +44,8 @@ class Syncer final : public Sable::Platform::TimeoutHandler, private Sable::Debu
   // detached, because of damage or by a listener: nothing of the shadow is to be touched then.
   // Raises what ShadowStoreBase::doSlot() raises, except damage, which goes to the map.
   bool sync(unsigned numSlots, bool resync);
-  // Goes on with a walk that was interrupted.
+  // Goes on with a walk that was interrupted. What a slot raises except damage ends here: that slot
+  // is visited again after kRetryTime.
   void timeout() override;
   // Off: a running walk ends after the present slot, and nothing is visited. On: goes on in a
   // coming turn.
@@ -54,10 +57,13 @@ class Syncer final : public Sable::Platform::TimeoutHandler, private Sable::Debu
   unsigned currentSlot() const noexcept { return currentSlot_; }
 
  private:
-  // One run; false as in sync().
-  bool doSync();
-  // Visits slots until the end, a stop or the end of the time; false as in sync().
-  bool visit(double start, unsigned& done);
+  // Who is to hear of what is raised: the owner, or nobody, since the loop would end by it.
+  enum class Caller : std::uint8_t { owner, loop };
+
+  // One run; false as in sync(), or if the run is to be repeated later.
+  bool doSync(Caller caller);
+  // Visits slots until the end, a stop or the end of the time; false as in doSync().
+  bool visit(double start, unsigned& done, Caller caller);
 
   SHADOW* shadow_;
   Reader::Counters* counters_;
@@ -67,7 +73,6 @@ class Syncer final : public Sable::Platform::TimeoutHandler, private Sable::Debu
   bool resync_ = false;
   unsigned currentSlot_ = 0;
   bool abandoned_ = false;
-  bool inTimeout_ = false;  // what is raised has nobody to go to
   const Vex::Ptr<Vex::Clock const> clock_;
 };
 

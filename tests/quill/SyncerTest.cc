@@ -234,6 +234,38 @@ TEST_F(SyncerTest, AListenerThatDetachesEndsTheWalkWithoutCompletion) {
   EXPECT_EQ(runLoop(), 0U);
 }
 
+TEST_F(SyncerTest, WhatStopsAWalkFromTheLoopIsTriedAgainAfterASecond) {
+  bool full = true;
+  shadow_.store_.onSlot = [&](unsigned slot) {
+    if (slot == 1 && full) Quill::raise<Sable::MemoryResourceException>("no memory");
+  };
+  sut_.notifying(false);
+  EXPECT_TRUE(sut_.sync(3, true));
+  sut_.notifying(true);
+  EXPECT_NO_THROW(runLoop());
+  EXPECT_EQ(shadow_.store_.taken(), (Slots{2, 1}));
+  EXPECT_EQ(sut_.currentSlot(), 2U) << "slot 1 is still to visit";
+  full = false;
+  loop_.steppingClock().step = 0.6;
+  EXPECT_FALSE(loop_.runTurn());
+  EXPECT_TRUE(loop_.runTurn());
+  EXPECT_EQ(shadow_.store_.taken(), (Slots{1, 0}));
+  EXPECT_EQ(shadow_.completions, 1U);
+  EXPECT_EQ(shadow_.map_.reports.size(), 0U);
+}
+
+TEST_F(SyncerTest, NothingIsTouchedAfterDamageInAWalkFromTheLoop) {
+  auto shadow = std::make_unique<FakeShadow>();
+  auto sut = std::make_unique<Quill::Syncer<FakeShadow>>(handler_, shadow.get(), counters_);
+  shadow->store_.onSlot = [](unsigned) { Quill::raise<Quill::CorruptionDetectedException>("bad"); };
+  shadow->map_.onCorruption = [&] { sut.reset(); };
+  sut->notifying(false);
+  EXPECT_TRUE(sut->sync(5, true));
+  sut->notifying(true);
+  runLoop();
+  EXPECT_EQ(sut, nullptr);
+}
+
 TEST_F(SyncerTest, OtherExceptionsPassOn) {
   shadow_.store_.onSlot = [](unsigned) { Quill::raise<Sable::RuntimeException>("logic"); };
   EXPECT_THROW(static_cast<void>(sut_.sync(3, false)), Sable::RuntimeException);
