@@ -243,6 +243,38 @@ template <class KEY, class VALUE>
 }
 
 template <class KEY, class VALUE>
+template <class Stop>
+[[gnu::always_inline]] inline std::uint32_t QuillReader<KEY, VALUE>::walk(const KEY& key,
+                                                                          std::uint32_t bucket,
+                                                                          const WalkTexts& texts,
+                                                                          const Stop& stop) const {
+  for (;; ++counters_.readRetries) {
+    Position at(buckets_.getRef(bucket));
+    for (std::uint32_t count = 1; at.next != kNoSlot; ++count) {
+      if (count > capacity()) [[unlikely]] {
+        raiseCycle(texts.cycle, count);
+      }
+      const Slot<VALUE>& slot = slots_.slot(at.next);
+      const std::uint32_t flags = slots_.read(slot, scratch_);
+      if ((flags & kOccupied) == 0) [[unlikely]] {
+        if (at.changed()) break;
+        raiseFree(texts.free, at.next, key);
+      }
+      if (stop(keyOf<KEY>(scratch_))) {
+        if (at.changed()) [[unlikely]]
+          break;
+        return at.next;
+      }
+      const Position next(&slot.ref);
+      if (at.changed()) [[unlikely]]
+        break;
+      at = next;
+    }
+    if (at.next == kNoSlot) return kNoSlot;
+  }
+}
+
+template <class KEY, class VALUE>
 [[gnu::always_inline]] inline const VALUE& QuillReader<KEY, VALUE>::find(const KEY& key,
                                                                          bool& found) const {
   found = false;
@@ -251,35 +283,12 @@ template <class KEY, class VALUE>
     this->trace(7, [](std::ostream& os) { os << "QuillReader::doLookup() bucket table detached"; });
     return this->emptyValue_;
   }
-  const std::uint32_t bucket = key.hash() % numBuckets;
-  for (;; ++counters_.readRetries) {
-    Position at(buckets_.getRef(bucket));
-    for (std::uint32_t count = 1; at.next != kNoSlot; ++count) {
-      if (count > capacity()) [[unlikely]] {
-        raiseCycle("QuillReader::doLookup() hash chain cycle detected, slotCount:", count);
-      }
-      const Slot<VALUE>& slot = slots_.slot(at.next);
-      const std::uint32_t flags = slots_.read(slot, scratch_);
-      if ((flags & kOccupied) == 0) [[unlikely]] {
-        if (at.changed()) break;
-        raiseFree("QuillReader::doLookup() slot:", at.next, key);
-      }
-      const KEY stored = keyOf<KEY>(scratch_);
-      if (stored < key) {
-        const Position next(&slot.ref);
-        if (at.changed()) [[unlikely]]
-          break;
-        at = next;
-        continue;
-      }
-      if (at.changed()) [[unlikely]]
-        break;
-      if (key < stored) return this->emptyValue_;
-      found = true;
-      return scratch_;
-    }
-    if (at.next == kNoSlot) return this->emptyValue_;
+  const auto notBefore = [&key](const KEY& stored) { return !(stored < key); };
+  if (walk(key, key.hash() % numBuckets, kLookupTexts, notBefore) == kNoSlot) {
+    return this->emptyValue_;
   }
+  found = !(key < keyOf<KEY>(scratch_));
+  return found ? scratch_ : this->emptyValue_;
 }
 
 template <class KEY, class VALUE>
@@ -369,38 +378,16 @@ template <class KEY, class VALUE>
 bool QuillReader<KEY, VALUE>::walkToNext(const KEY& key, VALUE& value, IterHint& hint) const {
   const std::uint32_t numBuckets = buckets_.numBuckets();
   const std::uint32_t bucket = key.hash() % numBuckets;
-  for (;; ++counters_.readRetries) {
-    Position at(buckets_.getRef(bucket));
-    for (std::uint32_t count = 1; at.next != kNoSlot; ++count) {
-      if (count > capacity()) [[unlikely]] {
-        raiseCycle("QuillReader::doNext() hash chain cycle detected, slotCount:", count);
-      }
-      const Slot<VALUE>& slot = slots_.slot(at.next);
-      const std::uint32_t flags = slots_.read(slot, scratch_);
-      if ((flags & kOccupied) == 0) [[unlikely]] {
-        if (at.changed()) break;
-        raiseFree("QuillReader::doNext() slot:", at.next, key);
-      }
-      const KEY stored = keyOf<KEY>(scratch_);
-      if (!(key < stored)) {
-        const Position next(&slot.ref);
-        if (at.changed()) [[unlikely]]
-          break;
-        at = next;
-        continue;
-      }
-      if (at.changed()) [[unlikely]]
-        break;
-      if (stored.hash() % numBuckets != bucket) [[unlikely]] {
-        raise<CorruptionDetectedException>(
-            "QuillReader::doNext() corrupt key detected key:", stored, " bucketIndex:", bucket);
-      }
-      value = scratch_;
-      hint = {at.next, bucket};
-      return true;
-    }
-    if (at.next == kNoSlot) return doFirst(bucket + 1, value, hint);
+  const auto behind = [&key](const KEY& stored) { return key < stored; };
+  const std::uint32_t slot = walk(key, bucket, kNextTexts, behind);
+  if (slot == kNoSlot) return doFirst(bucket + 1, value, hint);
+  if (const KEY stored = keyOf<KEY>(scratch_); stored.hash() % numBuckets != bucket) [[unlikely]] {
+    raise<CorruptionDetectedException>("QuillReader::doNext() corrupt key detected key:", stored,
+                                       " bucketIndex:", bucket);
   }
+  value = scratch_;
+  hint = {slot, bucket};
+  return true;
 }
 
 }  // namespace Quill

@@ -108,6 +108,22 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   [[noreturn]] void raiseCycle(const char* text, std::uint32_t count) const;
   [[noreturn]] void raiseFree(const char* text, std::uint32_t slot, KEY key) const;
 
+  // How the two damages that a walk meets begin in the texts of an operation.
+  struct WalkTexts {
+    const char* cycle;
+    const char* free;
+  };
+  static constexpr WalkTexts kLookupTexts{
+      "QuillReader::doLookup() hash chain cycle detected, slotCount:",
+      "QuillReader::doLookup() slot:"};
+  static constexpr WalkTexts kNextTexts{
+      "QuillReader::doNext() hash chain cycle detected, slotCount:", "QuillReader::doNext() slot:"};
+  // Walks a chain up to the first key for which `stop` is true, and answers its slot with the value
+  // in scratch_; kNoSlot at the end of the chain. `key` is the one asked for, for texts. Raises
+  // CorruptionDetectedException.
+  template <class Stop>
+  std::uint32_t walk(const KEY& key, std::uint32_t bucket, const WalkTexts& texts,
+                     const Stop& stop) const;
   const VALUE& find(const KEY& key, bool& found) const;
   const VALUE& lookupAgain(KEY key, bool& found) const;
   bool doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const;
