@@ -13,6 +13,7 @@
 //   load(keys)                   all records, not timed, where insert() is slow
 //   bytes()                      of memory for all that it holds now
 //   kVisits                      how many records a pass visits at most, where visits are slow
+//   kWrites                      the same for passes that change
 //   kMaxRecords                  sizes above it are left out
 //
 // Each pass is checked by what it found. Times are real time per record; benchmarks are named
@@ -41,6 +42,15 @@ std::size_t visitsOf(const Keys& keys) {
     return std::min(keys.count(), std::size_t{Table::kVisits});
   } else {
     return keys.count();
+  }
+}
+
+template <class Table>
+std::size_t writesOf(const Keys& keys) {
+  if constexpr (requires { Table::kWrites; }) {
+    return std::min(keys.count(), std::size_t{Table::kWrites});
+  } else {
+    return visitsOf<Table>(keys);
   }
 }
 
@@ -153,7 +163,7 @@ void bulk(benchmark::State& state) {
 template <class Table>
 void update(benchmark::State& state) {
   const Keys& keys = keysOf(state);
-  const std::size_t visits = visitsOf<Table>(keys);
+  const std::size_t visits = writesOf<Table>(keys);
   Table table(keys.count());
   load(table, keys);
   std::uint32_t value = 0;
@@ -173,7 +183,7 @@ void update(benchmark::State& state) {
 template <class Table>
 void insert(benchmark::State& state) {
   const Keys& keys = keysOf(state);
-  const std::size_t visits = visitsOf<Table>(keys);
+  const std::size_t visits = writesOf<Table>(keys);
   for (auto _ : state) {
     auto table = std::make_unique<Table>(keys.count());
     state.SetIterationTime(secondsOf([&] {
@@ -192,7 +202,7 @@ void insert(benchmark::State& state) {
 template <class Table>
 void reinsert(benchmark::State& state) {
   const Keys& keys = keysOf(state);
-  const std::size_t visits = visitsOf<Table>(keys);
+  const std::size_t visits = writesOf<Table>(keys);
   Table table(keys.count());
   load(table, keys);
   for (auto _ : state) {
@@ -210,7 +220,7 @@ void reinsert(benchmark::State& state) {
 template <class Table>
 void remove(benchmark::State& state) {
   const Keys& keys = keysOf(state);
-  const std::size_t visits = visitsOf<Table>(keys);
+  const std::size_t visits = writesOf<Table>(keys);
   Table table(keys.count());
   load(table, keys);
   for (auto _ : state) {

@@ -2,7 +2,8 @@
 #
 # What the store is measured beside. Each library is optional: without it the program is built without
 # that contestant, and its table says so.
-target_sources(StoreBench PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/store/TableBytes.cc")
+target_sources(StoreBench PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/store/Limits.cc"
+                                  "${CMAKE_CURRENT_SOURCE_DIR}/store/TableBytes.cc")
 
 # bench_store_peer(<file> <target>...): adds Peer<file>.cc if there are such targets.
 function(bench_store_peer file)
@@ -18,8 +19,25 @@ endfunction()
 
 find_package(Boost QUIET)
 pkg_check_modules(bench_urcu QUIET IMPORTED_TARGET liburcu-cds liburcu-qsbr)
+pkg_check_modules(bench_lmdb QUIET IMPORTED_TARGET lmdb)
+# Its list of libraries names those that it was itself linked with, which need not be here.
+pkg_check_modules(bench_tkrzw QUIET tkrzw)
+if(bench_tkrzw_FOUND)
+  add_library(bench_tkrzw INTERFACE)
+  target_link_libraries(bench_tkrzw INTERFACE tkrzw)
+endif()
+pkg_check_modules(bench_hiredis QUIET IMPORTED_TARGET hiredis)
+find_program(BENCH_REDIS_SERVER redis-server)
 bench_store_peer(Boost Boost::headers)
 bench_store_peer(Urcu PkgConfig::bench_urcu)
+bench_store_peer(Lmdb PkgConfig::bench_lmdb)
+bench_store_peer(Tkrzw bench_tkrzw)
+if(BENCH_REDIS_SERVER)
+  bench_store_peer(Redis PkgConfig::bench_hiredis)
+  target_compile_definitions(StoreBench PRIVATE REDIS_SERVER="${BENCH_REDIS_SERVER}")
+else()
+  message(STATUS "StoreBench is built without PeerRedis.cc")
+endif()
 
 # Its headers want processor flags, and do not stand this project's warnings: they come in as the
 # system's, for the one file that includes them.
