@@ -5,6 +5,10 @@
 target_sources(StoreBench PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/store/Limits.cc"
                                   "${CMAKE_CURRENT_SOURCE_DIR}/store/TableBytes.cc")
 
+foreach(name SharedBench FollowBench WakeBench)
+  target_sources(${name} PRIVATE "${CMAKE_CURRENT_SOURCE_DIR}/store/Shared.cc")
+endforeach()
+
 # bench_store_peer(<file> <target>...): adds Peer<file>.cc if there are such targets.
 function(bench_store_peer file)
   foreach(library IN LISTS ARGN)
