@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// The operations that are timed, the same loops for every contestant, and the registration of those
+// that a contestant has. A contestant has a constructor that takes the number of records, and of
+// these what it can do:
+//
+//   insert(place, key)           a record {key, place, 0, 0}
+//   lookup(place, key)           its address, valid until the next operation, or null
+//   update(place, key, value)    {key, value, value, value} in the place of what is there
+//   remove(place, key)
+//   iterate(visit)               visit(record) for all
+//   lookupMany(keys, count)      the sum of `tx` of those that are there
+//   load(keys)                   all records, not timed, where insert() is slow
+//   bytes()                      of memory for all that it holds now
+//   kVisits                      how many records a pass visits at most, where visits are slow
+//   kWrites                      the same for passes that change
+//   kMaxRecords                  sizes above it are left out
+//
+// Each pass is checked by what it found. Times are real time per record; benchmarks are named
+// <operation>/<contestant>/<records>.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include "bench/store/Records.h"
+
+namespace StoreBench {
+
+// How many records one call of lookupMany() asks for.
+inline constexpr unsigned kBatch = 64;
+
+template <class Table>
+std::size_t visitsOf(const Keys& keys) {
+  if constexpr (requires { Table::kVisits; }) {
+    return std::min(keys.count(), std::size_t{Table::kVisits});
+  } else {
+    return keys.count();
+  }
+}
+
+template <class Table>
+std::size_t writesOf(const Keys& keys) {
+  if constexpr (requires { Table::kWrites; }) {
+    return std::min(keys.count(), std::size_t{Table::kWrites});
+  } else {
+    return visitsOf<Table>(keys);
+  }
+}
+
+template <class Table>
+std::size_t maxRecordsOf() {
+  if constexpr (requires { Table::kMaxRecords; }) {
+    return Table::kMaxRecords;
+  } else {
+    return std::numeric_limits<std::size_t>::max();
+  }
+}
+
+template <class Table>
+void fill(Table& table, const Keys& keys) {
+  for (std::uint32_t place = 0; place < keys.count(); ++place) {
+    table.insert(place, keys.byPlace[place]);
+  }
+}
+
+template <class Table>
+void load(Table& table, const Keys& keys) {
+  if constexpr (requires { table.load(keys); }) {
+    table.load(keys);
+  } else {
+    fill(table, keys);
+  }
+}
+
+inline void perRecord(benchmark::State& state, std::size_t records) {
+  state.counters["ns"] = benchmark::Counter(
+      static_cast<double>(records) / 1e9,
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+inline const Keys& keysOf(const benchmark::State& state) {
+  return keysOf(static_cast<std::size_t>(state.range(0)));
+}
+
+// Seconds that `work` takes, for benchmarks whose preparations must not count.
+template <class Work>
+double secondsOf(const Work& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  benchmark::ClobberMemory();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+template <class Table>
+std::uint64_t sumOfHits(Table& table, const Keys& keys, std::size_t visits) {
+  std::uint64_t sum = 0;
+  for (std::size_t i = 0; i < visits; ++i) {
+    const Record* const record = table.lookup(keys.place[i], keys.present[i]);
+    if (record == nullptr) return ~std::uint64_t{0};
+    sum += record->tx;
+  }
+  return sum;
+}
+
+template <class Table>
+void hit(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = visitsOf<Table>(keys);
+  const std::uint64_t expected = keys.sum(visits);
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    if (sumOfHits(table, keys, visits) != expected) state.SkipWithError("a wrong record");
+  }
+  perRecord(state, visits);
+  if constexpr (requires { table.bytes(); }) {
+    state.counters["bytes"] =
+        static_cast<double>(table.bytes()) / static_cast<double>(keys.count());
+  }
+}
+
+template <class Table>
+void miss(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = visitsOf<Table>(keys);
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < visits; ++i) {
+      if (table.lookup(keys.place[i], keys.absent[i]) != nullptr) ++found;
+    }
+    if (found != 0) state.SkipWithError("found what is not there");
+  }
+  perRecord(state, visits);
+}
+
+template <class Table>
+void bulk(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = visitsOf<Table>(keys);
+  const std::uint64_t expected = keys.sum(visits);
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < visits; i += kBatch) {
+      const auto count = static_cast<unsigned>(std::min<std::size_t>(kBatch, visits - i));
+      sum += table.lookupMany(&keys.present[i], count);
+    }
+    if (sum != expected) state.SkipWithError("a wrong record");
+  }
+  perRecord(state, visits);
+}
+
+template <class Table>
+void update(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = writesOf<Table>(keys);
+  Table table(keys.count());
+  load(table, keys);
+  std::uint32_t value = 0;
+  for (auto _ : state) {
+    ++value;
+    for (std::size_t i = 0; i < visits; ++i) table.update(keys.place[i], keys.present[i], value);
+    benchmark::ClobberMemory();
+  }
+  if (sumOfHits(table, keys, visits) != std::uint64_t{value} * visits) {
+    state.SkipWithError("an update was lost");
+  }
+  perRecord(state, visits);
+}
+
+// Into an empty table that was made for so many; what it allocates and touches for the first time
+// is in the time.
+template <class Table>
+void insert(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = writesOf<Table>(keys);
+  for (auto _ : state) {
+    auto table = std::make_unique<Table>(keys.count());
+    state.SetIterationTime(secondsOf([&] {
+      for (std::uint32_t place = 0; place < visits; ++place) {
+        table->insert(place, keys.byPlace[place]);
+      }
+    }));
+    const auto last = static_cast<std::uint32_t>(visits - 1);
+    const Record* const record = table->lookup(last, keys.byPlace[last]);
+    if (record == nullptr || record->tx != last) state.SkipWithError("an insert was lost");
+  }
+  perRecord(state, visits);
+}
+
+// Into a table that held as many records before: its memory is there and has been touched.
+template <class Table>
+void reinsert(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = writesOf<Table>(keys);
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    for (std::size_t i = 0; i < visits; ++i) table.remove(keys.place[i], keys.present[i]);
+    state.SetIterationTime(secondsOf([&] {
+      for (std::size_t i = 0; i < visits; ++i) table.insert(keys.place[i], keys.present[i]);
+    }));
+  }
+  if (sumOfHits(table, keys, visits) != keys.sum(visits)) {
+    state.SkipWithError("an insert was lost");
+  }
+  perRecord(state, visits);
+}
+
+template <class Table>
+void remove(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::size_t visits = writesOf<Table>(keys);
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    state.SetIterationTime(secondsOf([&] {
+      for (std::size_t i = 0; i < visits; ++i) table.remove(keys.place[i], keys.present[i]);
+    }));
+    for (std::size_t i = 0; i < visits; ++i) {
+      if (table.lookup(keys.place[i], keys.present[i]) != nullptr) {
+        state.SkipWithError("a removal was lost");
+        break;
+      }
+      table.insert(keys.place[i], keys.present[i]);
+    }
+  }
+  perRecord(state, visits);
+}
+
+template <class Table>
+void iterate(benchmark::State& state) {
+  const Keys& keys = keysOf(state);
+  const std::uint64_t expected = keys.sum(keys.count());
+  Table table(keys.count());
+  load(table, keys);
+  for (auto _ : state) {
+    std::size_t seen = 0;
+    std::uint64_t sum = 0;
+    table.iterate([&](const Record& record) {
+      ++seen;
+      sum += record.tx;
+    });
+    if (seen != keys.count() || sum != expected) state.SkipWithError("not every record was met");
+  }
+  perRecord(state, keys.count());
+}
+
+inline constexpr std::int64_t kSizes[] = {100, 65'536, 1'000'000};
+
+// `iterations` per size for those that have preparations, which Benchmark's own choice would have
+// repeated for minutes.
+template <class Function>
+void registerSizes(const std::string& name, Function function, std::size_t maxRecords,
+                   bool prepared = false) {
+  for (const std::int64_t size : kSizes) {
+    if (static_cast<std::size_t>(size) > maxRecords) continue;
+    auto* const made = benchmark::RegisterBenchmark(name.c_str(), function);
+    made->Arg(size);
+    if (prepared) {
+      made->UseManualTime()->Iterations(size < 1'000 ? 100 : size < 100'000 ? 3 : 1);
+    } else {
+      made->UseRealTime();
+    }
+  }
+}
+
+template <class Table>
+bool registerTable(const std::string& name) {
+  const std::size_t most = maxRecordsOf<Table>();
+  registerSizes("hit/" + name, hit<Table>, most);
+  if constexpr (!requires { Table::kByPlace; }) registerSizes("miss/" + name, miss<Table>, most);
+  if constexpr (requires(const Table& table, const IntfId* keys) { table.lookupMany(keys, 1U); }) {
+    registerSizes("bulk/" + name, bulk<Table>, most);
+  }
+  if constexpr (requires(Table & table, const IntfId& key) { table.update(0U, key, 0U); }) {
+    registerSizes("update/" + name, update<Table>, most);
+  }
+  if constexpr (requires(Table & table, const IntfId& key) { table.remove(0U, key); }) {
+    registerSizes("insert/" + name, insert<Table>, most, true);
+    registerSizes("reinsert/" + name, reinsert<Table>, most, true);
+    registerSizes("remove/" + name, remove<Table>, most, true);
+  }
+  if constexpr (requires(Table & table) { table.iterate([](const Record&) {}); }) {
+    registerSizes("iterate/" + name, iterate<Table>, most);
+  }
+  return true;
+}
+
+}  // namespace StoreBench
