@@ -69,9 +69,7 @@ bool Validator<Key, Value>::checkHeaders(std::uint32_t fenix) {
     if (!result && sound) failure_ = message;
     sound = sound && result;
   };
-  const QuillMem& buckets = writer_->buckets_.mem();
-  first(writer_->buckets_.header()->validate(std::min(buckets.size(), buckets.memSize()), fenix,
-                                             message));
+  first(writer_->buckets_.header()->validate(writer_->buckets_.mem().soundSize(), fenix, message));
   const typename SlotTable<Value>::HeaderCopy slots(*writer_->slots_.header());
   first(slots.validate(writer_->slots_.soundSize(), fenix, message));
   first(writer_->conquer_.validate(fenix, message));
