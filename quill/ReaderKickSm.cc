@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "quill/KickSocket.h"
 #include "quill/Text.h"
@@ -306,6 +307,9 @@ void ReaderKickSm::doConquer() {
       // out, nobody would wake this reader again.
       if (connected_ && mayRun()) connection_->timer().arm(kRetryTime);
       return;
+    } catch (const std::bad_alloc&) {
+      if (batch.alive() && ready() && connected_ && mayRun()) connection_->timer().arm(kRetryTime);
+      throw;
     }
     if (!batch.alive()) return;
   }
