@@ -90,7 +90,7 @@ void BucketWriterTable::detach() {
 
 bool BucketWriterTable::attach(std::uint32_t fenix) {
   detach();
-  const std::uint32_t existing = mem_.memSize();
+  const std::uint32_t existing = mem_.knownSize();
   const std::uint64_t wantedBytes = std::uint64_t{wanted_} * kBucketSize + kHeaderSize;
   const std::uint64_t size = existing != 0 ? existing : wantedBytes;
   errno = EFBIG;

@@ -39,7 +39,7 @@ std::uint64_t ConquerWriter<VALUE>::grownCount(std::uint32_t live,
 template <class VALUE>
 bool ConquerWriter<VALUE>::attachConquer(ConquerTableId id, std::uint32_t fenix) {
   QuillMem& mem = mems_[id];
-  const std::uint32_t existing = mem.memSize();
+  const std::uint32_t existing = mem.knownSize();
   const std::uint32_t count = firstCount(Mem::pageSize_);
   if (count == 0) {
     raise<Sable::RuntimeException>(
@@ -341,7 +341,7 @@ void ConquerWriter<VALUE>::grow(ConquerTableId id) {
 template <class VALUE>
 bool ConquerWriter<VALUE>::validate(std::uint32_t fenix, std::string& message) {
   for (const ConquerTableId id : {primary, secondary}) {
-    const std::uint32_t size = std::min(mems_[id].size(), mems_[id].memSize());
+    const std::uint32_t size = mems_[id].soundSize();
     if (!headers_[id]->validate(size, fenix, message)) {
       Conquer::trace(7, [&](std::ostream& os) {
         os << "ConquerWriter::validate() " << mems_[id].getFilename()

@@ -2,6 +2,7 @@
 #include "quill/FenixFile.h"
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -36,6 +37,23 @@ unsigned idOf(std::string_view text) {
 
 unsigned FenixFile::read(Sable::Platform::DebugHandler& handler, const std::string& rootPath) {
   return idOf(Util::fileRead(handler, rootPath + "/fenix", false));
+}
+
+unsigned FenixFile::readKnown(Sable::Platform::DebugHandler& handler, const std::string& rootPath) {
+  int error = 0;
+  const unsigned id = idOf(Util::fileRead(handler, rootPath + "/fenix", false, error));
+  switch (error) {
+    case 0:
+    case ENOENT:
+    case ENOTDIR:
+    case EINVAL:  // a directory, a FIFO
+    case ELOOP:   // a symbolic link
+    case ENXIO:   // a socket
+      return id;
+    default:
+      raise<Sable::InvalidInitializeException>("FenixFile::read() cannot read ", rootPath,
+                                               "/fenix: ", std::strerror(error));
+  }
 }
 
 void FenixFile::write(Sable::Platform::DebugHandler& handler, const std::string& rootPath,

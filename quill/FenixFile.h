@@ -19,6 +19,9 @@ class FenixFile {
  public:
   // The stored id; 0 if there is no file or what is there is no id.
   static unsigned read(Sable::Platform::DebugHandler& handler, const std::string& rootPath);
+  // The same for whoever makes a new generation where there is none: raises
+  // Sable::InvalidInitializeException if a file that is there cannot be read.
+  static unsigned readKnown(Sable::Platform::DebugHandler& handler, const std::string& rootPath);
   // Raises Sable::InvalidInitializeException with the path and the system's reason.
   static void write(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                     unsigned id);

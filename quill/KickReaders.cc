@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "quill/Text.h"
 #include "runtime/vex/Exception.h"
@@ -89,13 +90,21 @@ void WriterKickSm::Readers::admit(KickDescriptor connection) {
   const std::string refusal =
       kickRefusal(readers_.size(), static_cast<std::size_t>(ofUser), peer.uid, geteuid());
   if (!refusal.empty()) return logDrop(*reader, refusal);
-  try {
-    manager_.readableIs(fd, *reader);
-  } catch (const Vex::Exception& exception) {
-    return logDrop(*reader, exception.text());
-  }
+  // Room for it in both lists now: when it falls asleep, or is woken, none may be found.
+  asleep_.reserve(readers_.size() + 1);
+  woken_.reserve(readers_.size() + 1);
   reader->deadline = clock() + kIntroductionTime;
-  readers_.emplace(fd, std::move(reader));
+  const auto [place, _] = readers_.emplace(fd, std::move(reader));
+  try {
+    manager_.readableIs(fd, *place->second);
+  } catch (const Vex::Exception& exception) {
+    logDrop(*place->second, exception.text());
+    readers_.erase(place);
+    return;
+  } catch (...) {
+    readers_.erase(place);
+    throw;
+  }
   // An armed timer is due no later than this reader's time.
   if (!timer_->armed()) armTimer();
 }
@@ -124,6 +133,7 @@ void WriterKickSm::Readers::timeout() {
     paused_ = false;
     manager_.readableIs(owner_.listening_.get(), *this);
   }
+  timer_->arm(kAcceptPause);  // should memory run out in here
   std::vector<Reader*> late;
   for (const auto& [fd, reader] : readers_) {
     if (!reader->session.introduced() && reader->deadline <= now) late.push_back(reader.get());
@@ -193,10 +203,11 @@ bool WriterKickSm::Readers::send(Reader& reader, KickType type) {
 
 void WriterKickSm::Readers::kickSleepers() {
   // All of them are awake before the first can be dropped, so that a drop finds nobody in the list.
-  const std::vector<Reader*> woken = std::exchange(asleep_, {});
+  woken_.swap(asleep_);
   owner_.sleepers_ = 0;
-  for (Reader* const reader : woken) reader->session.handleKicked();
-  for (Reader* const reader : woken) kick(*reader);
+  for (Reader* const reader : woken_) reader->session.handleKicked();
+  for (Reader* const reader : woken_) kick(*reader);
+  woken_.clear();
 }
 
 std::uint64_t WriterKickSm::Readers::lowestSequence() const noexcept {
@@ -214,13 +225,21 @@ void WriterKickSm::Readers::drop(Reader& reader, const std::string& reason) {
   if (std::erase(asleep_, &reader) != 0) {
     owner_.sleepers_ = static_cast<unsigned>(asleep_.size());
   }
+  if (reader.session.introduced()) {
+    --owner_.connected_;
+    owner_.updateNumReaders();
+  }
   logDrop(reader, reason);
-  if (!reader.session.introduced()) return;
-  --owner_.connected_;
-  owner_.updateNumReaders();
 }
 
-void WriterKickSm::Readers::logDrop(const Reader& reader, const std::string& reason) {
+void WriterKickSm::Readers::logDrop(const Reader& reader, const std::string& reason) noexcept {
+  try {
+    logLine(reader, reason);
+  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): see the declaration
+  }
+}
+
+void WriterKickSm::Readers::logLine(const Reader& reader, const std::string& reason) {
   const std::string path = owner_.kickRoot_.rootPath();
   owner_.kickHandler_.trace(6, [&](std::ostream& os) {
     os << "WriterKickSm: " << path << " reader pid:" << reader.pid << " uid:" << reader.user

@@ -86,7 +86,9 @@ class WriterKickSm::Readers final : private Vex::ReadableHandler,
   bool send(Reader& reader, KickType type);
   // Forgets a reader. An empty reason: it went by itself.
   void drop(Reader& reader, const std::string& reason);
-  void logDrop(const Reader& reader, const std::string& reason);
+  // Left out where there is no memory for it: the ends of connections do not wait for lines.
+  void logDrop(const Reader& reader, const std::string& reason) noexcept;
+  void logLine(const Reader& reader, const std::string& reason);
   void armTimer();
   double clock() const noexcept { return manager_.clock()->now(); }
 
@@ -94,8 +96,10 @@ class WriterKickSm::Readers final : private Vex::ReadableHandler,
   Vex::ActivityManager& manager_;
   std::unique_ptr<Sable::Platform::TimerControl> timer_;
   std::unordered_map<int, std::unique_ptr<Reader>> readers_;  // by descriptor
+  // Both have room for all of them.
   std::vector<Reader*> asleep_;
-  bool paused_ = false;  // nobody is accepted before acceptAgain_
+  std::vector<Reader*> woken_;  // while they are kicked
+  bool paused_ = false;         // nobody is accepted before acceptAgain_
   double acceptAgain_ = 0.0;
   double linesBegan_ = 0.0;
   unsigned lines_ = 0;

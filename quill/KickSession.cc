@@ -65,7 +65,12 @@ KickSession::Effect KickSession::handleReport(const KickMessage& message, std::u
   // too few a change.
   if (message.type == KickType::sequence) return Effect::none;
   // Not from a sleeper: it had come up to the last one, and each change since would have woken it.
-  if (message.sequence < last) return Effect::kickNow;
+  // Once for each `last`: the reader looks after the kick, and if it still reports less there is
+  // nothing that it can find. In a damaged queue the two would wake each other for ever.
+  if (message.sequence < last && last != kickedFor_) {
+    kickedFor_ = last;
+    return Effect::kickNow;
+  }
   asleep_ = true;
   return Effect::slept;
 }

@@ -9,7 +9,8 @@
 //  1. The order is HELLO, SEQUENCE, then any number of SEQUENCE and SLEEP. The reader counts from
 //     the first SEQUENCE on.
 //  2. What a reader reports never goes back and never goes beyond what the writer has given out.
-//  3. A reader that sleeps has come up to everything there was when it said so.
+//  3. A reader that sleeps has come up to everything there was when it said so, or is kicked for
+//     that and has not looked yet, or has looked and found less.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +31,7 @@ class KickSession {
     none,
     introduced,  // the first report: to be counted, then acknowledged
     slept,       // to be woken at the next change
-    kickNow,     // would sleep, but there is more already
+    kickNow,     // would sleep, but there is more already, for which it was not told so before
     refused      // breaks the protocol: to be dropped, for the reason given
   };
 
@@ -54,6 +55,7 @@ class KickSession {
   bool introduced_ = false;
   bool asleep_ = false;
   std::uint64_t sequence_ = 0;
+  std::uint64_t kickedFor_ = 0;  // the last sequence as of the last kickNow
   // The window of the rate: when it began and what came since.
   double windowBegan_ = 0.0;
   unsigned messages_ = 0;

@@ -104,6 +104,9 @@ void QuillMap<KEY, VALUE, NOTIFY>::init(QuillType mode, bool isLocal, unsigned i
   mode_ = mode;
   isLocal_ = isLocal;
   try {
+    // Here and not when it is needed: memory may have run out by then.
+    Vex::ActivityManager* const loop = Vex::currentActivityManager();
+    if (loop != nullptr) retired_ = std::make_unique<Retired<Base>>(*loop);
     mountFirst(size);
   } catch (...) {
     // The handle goes on, empty. Not even a name that cannot be a directory's may prevent that, so
@@ -204,19 +207,17 @@ void QuillMap<KEY, VALUE, NOTIFY>::putBack(std::unique_ptr<Base> fallback, bool 
 
 template <class KEY, class VALUE, class NOTIFY>
 void QuillMap<KEY, VALUE, NOTIFY>::retire(std::unique_ptr<Base> old) {
-  Vex::ActivityManager* const loop = Vex::currentActivityManager();
-  if (loop == nullptr) return;  // no handler runs without a loop: `old` ends here
-  if (retired_ == nullptr) retired_ = std::make_unique<Retired<Base>>(*loop);
-  retired_->add(std::move(old));
+  // No handler runs without a loop: `old` ends here.
+  if (retired_ != nullptr) retired_->add(std::move(old));
 }
 
 template <class KEY, class VALUE, class NOTIFY>
 void QuillMap<KEY, VALUE, NOTIFY>::unmount() const {
   trace(7, [&](std::ostream& os) { os << "QuillMap::detach() " << held().rootPath(); });
-  held().detach();
   // A placeholder stays: put into another one at each call, they would pile up.
-  if (dynamic_cast<QuillBaseDummy<KEY, VALUE>*>(implementation_.get()) != nullptr) return;
-  auto dummy = newDummy();
+  if (dynamic_cast<QuillBaseDummy<KEY, VALUE>*>(&held()) != nullptr) return held().detach();
+  auto dummy = newDummy();  // first: without memory for it everything stays as it is
+  held().detach();
   dummy->wrap(std::move(implementation_));
   implementation_ = std::move(dummy);
 }

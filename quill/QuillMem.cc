@@ -1,7 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quill/QuillMem.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+
+#include "quill/Text.h"
+#include "runtime/sable/Exceptions.h"
 
 namespace Quill {
 
@@ -28,6 +34,16 @@ void* QuillMem::resize(unsigned size) {
 }
 
 unsigned QuillMem::memSize() const noexcept { return localMem_ ? size() : Shared::memSize(); }
+
+unsigned QuillMem::knownSize() const {
+  const unsigned bytes = memSize();
+  if (localMem_ || bytes != 0 || errno == 0) return bytes;
+  const int error = errno;
+  raise<Sable::InvalidInitializeException>("QuillMem: cannot tell the size of ", getFilename(),
+                                           ": ", std::strerror(error));
+}
+
+unsigned QuillMem::soundSize() const { return std::min(size(), knownSize()); }
 
 void QuillMem::detach() {
   traceCall("detach", size());

@@ -26,6 +26,11 @@ class QuillMem : public Mem::Shared, private Sable::Debuggable {
   // Local: what is attached. Else the size of the file, 0 if there is none: that is how a writer
   // learns that a file is new.
   unsigned memSize() const noexcept;
+  // The same for whoever takes 0 for a new file, or a small number for damage, and would give the
+  // contents up: raises Sable::InvalidInitializeException if the size cannot be told.
+  unsigned knownSize() const;
+  // What is both in the file and mapped. Raises as knownSize().
+  unsigned soundSize() const;
   // Safe when nothing is attached; the file stays.
   void detach();
   // "[ANONYMOUS]" or the file's path.

@@ -318,11 +318,17 @@ bool QuillWriter<Key, Value>::next(const Key& key, Value& value, IterHint& hint)
     if (isOccupied(slot) && keyAt(slot) == key && bucketOf(key) == hint.bucket) {
       const std::uint32_t index = slot.ref.load(Mem::relaxed).value;
       if (index == kNoSlot) return first(hint.bucket + 1, value, hint);
-      const Slot<Value>& after = slotOnChain(index, steps, kFindNames);
-      requireInBucket(keyAt(after), index, hint.bucket, kFindNames);
-      handOut(index, value);
-      hint.slot = index;
-      return true;
+      const Slot<Value>& behind = slotOnChain(index, steps, kFindNames);
+      const Key behindKey = keyAt(behind);
+      requireInBucket(behindKey, index, hint.bucket, kFindNames);
+      // A chain that does not ascend is damaged: the walk finds its cycle, so that an iteration
+      // over any bytes comes to an end. A check keeps count of the slots by itself.
+      if (key < behindKey || validator_ != &noValidator_) [[likely]] {
+        handOut(index, value);
+        hint.slot = index;
+        return true;
+      }
+      steps = 0;
     }
   }
   const std::uint32_t bucket = bucketOf(key);

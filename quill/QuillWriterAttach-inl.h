@@ -6,6 +6,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "quill/FenixFile.h"
 #include "quill/QuillWriter.h"
 #include "quill/Text.h"
@@ -39,7 +41,7 @@ void QuillWriter<Key, Value>::attach() {
   if (localMem_) {
     fenix_ = static_cast<std::uint32_t>(getpid());
   } else {
-    fenix_ = FenixFile::read(this->debugHandler(), root_.rootPath());
+    fenix_ = FenixFile::readKnown(this->debugHandler(), root_.rootPath());
     if (fenix_ == 0) {
       static unsigned instanceId = 0;  // one for each kind of table
       Util::encodeFenix(static_cast<unsigned short>(getpid() & 0xffff),
@@ -114,7 +116,9 @@ bool QuillWriter<Key, Value>::validateFiles() {
 
 template <class Key, class Value>
 void QuillWriter<Key, Value>::cleanup() {
-  if (localMem_ || access(root_.rootPath().c_str(), F_OK) != 0) return;
+  if (localMem_) return;
+  // Where it cannot be told, the lock will.
+  if (access(root_.rootPath().c_str(), F_OK) != 0 && errno == ENOENT) return;
   const Util::AutoLock lock(this->debugHandler(), root_, conquer_.lockHandle());
   this->trace(7, [&](std::ostream& os) {
     os << "QuillWriter::cleanup() removing Quill files " << rootPath();

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "quill/KickSocket.h"
 #include "quill/Text.h"
@@ -55,6 +56,9 @@ class ReaderKickSm::Connection final : private Vex::ReadableHandler, private Vex
   // Tells the writer. `sleep`: nothing is left to do until a kick comes.
   void report(std::uint64_t sequence, bool sleep);
   void read(int fd);
+  // Another batch in a while, or, where there is no memory for a timer either, when the writer
+  // kicks.
+  void again();
 
   template <class... Parts>
   void log(const Vex::LogHandle& handle, const Parts&... parts) {
@@ -186,6 +190,15 @@ void ReaderKickSm::Connection::report(std::uint64_t sequence, bool sleep) {
   }
 }
 
+void ReaderKickSm::Connection::again() {
+  try {
+    timer_->arm(kRetryTime);
+  } catch (const std::bad_alloc&) {
+    // Asleep behind the writer is answered by a kick at once.
+    report(reported_, true);
+  }
+}
+
 void ReaderKickSm::Connection::read(int fd) {
   if (fd != socket_.get()) return;
   bool kicked = false;
@@ -306,6 +319,9 @@ void ReaderKickSm::doConquer() {
       // out, nobody would wake this reader again.
       if (connected_ && mayRun()) connection_->timer().arm(kRetryTime);
       return;
+    } catch (const std::bad_alloc&) {
+      if (batch.alive() && ready() && connected_ && mayRun()) connection_->again();
+      throw;
     }
     if (!batch.alive()) return;
   }

@@ -19,7 +19,9 @@ namespace Quill {
 template <class T>
 class Retired final : private Vex::DeferredTask {
  public:
-  explicit Retired(Vex::ActivityManager& manager) noexcept : DeferredTask(manager) {}
+  explicit Retired(Vex::ActivityManager& manager) : DeferredTask(manager) {
+    objects_.reserve(kRoom);
+  }
   ~Retired() override = default;
 
   void add(std::unique_ptr<T> object) {
@@ -28,10 +30,15 @@ class Retired final : private Vex::DeferredTask {
   }
 
  private:
+  // More than a turn brings: add() needs no memory, whose want would destroy what it was given.
+  static constexpr std::size_t kRoom = 64;
+
   void run() override {
-    // Taken out first: a destructor may retire something else.
-    const std::vector<std::unique_ptr<T>> gone = std::move(objects_);
-    objects_.clear();
+    while (!objects_.empty()) {
+      // Taken out first: a destructor may retire something else.
+      const std::unique_ptr<T> gone = std::move(objects_.back());
+      objects_.pop_back();
+    }
   }
 
   std::vector<std::unique_ptr<T>> objects_;

@@ -54,7 +54,7 @@ std::uint64_t SlotWriterTable<VALUE>::grownCount(std::uint32_t numSlots, std::ui
 template <class VALUE>
 bool SlotWriterTable<VALUE>::attach(std::uint32_t fenix) {
   detach();
-  const std::uint32_t existing = this->mem_.memSize();
+  const std::uint32_t existing = this->mem_.knownSize();
   const std::uint32_t count = firstCount(Mem::pageSize_);
   const auto firstSize = static_cast<std::uint32_t>(Base::fileSize(count));
   const std::uint32_t size = existing != 0 ? existing : firstSize;
@@ -121,8 +121,8 @@ std::uint32_t SlotWriterTable<VALUE>::occupiedSlots() const noexcept {
 }
 
 template <class VALUE>
-std::uint32_t SlotWriterTable<VALUE>::soundSize() const noexcept {
-  return std::min(this->mem_.size(), this->mem_.memSize());
+std::uint32_t SlotWriterTable<VALUE>::soundSize() const {
+  return this->mem_.soundSize();
 }
 
 template <class VALUE>

@@ -78,7 +78,7 @@ class SlotWriterTable final : public SlotTable<VALUE> {
   // For AutoMemMove: where the region's base is kept.
   Header** headerAddress() noexcept { return &this->header_; }
   // Bytes that are mapped and that the file has.
-  std::uint32_t soundSize() const noexcept;
+  std::uint32_t soundSize() const;
 
   // Slots of a new file, and the count after a growth that begins at `numSlots`, for pages of
   // `pageSize` bytes.

@@ -3,6 +3,7 @@
 // Bodies of Syncer.h.
 #pragma once
 
+#include <new>
 #include <string>
 
 #include "quill/Exceptions.h"
@@ -124,6 +125,11 @@ bool Syncer<SHADOW>::visit(double start, unsigned& done, Caller caller) {
       trace(7, [&](std::ostream& os) {
         os << "Syncer::doSync() tries again in " << kRetryTime << " s: " << failure.msg();
       });
+      ++currentSlot_;
+      if (!abandoned_) timer_->arm(kRetryTime);
+      return false;
+    } catch (const std::bad_alloc&) {
+      if (caller == Caller::owner) throw;
       ++currentSlot_;
       if (!abandoned_) timer_->arm(kRetryTime);
       return false;

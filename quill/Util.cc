@@ -13,6 +13,7 @@
 #include <limits>
 #include <mutex>
 
+#include "quill/KickSocket.h"
 #include "quill/Text.h"
 #include "runtime/sable/Exceptions.h"
 
@@ -37,6 +38,15 @@ std::string programName() {
     }
   }
   return "unknown";
+}
+
+// Begun again if it is interrupted.
+int openText(const std::string& path) {
+  int fd;
+  do {
+    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
 }
 
 bool writeAll(int fd, std::string_view text) {
@@ -108,26 +118,33 @@ std::string Util::ownerText(Sable::Platform::DebugHandler& handler, const std::s
 
 std::string Util::fileRead(Sable::Platform::DebugHandler& handler, const std::string& path,
                            bool traceMissing) {
+  int ignored = 0;
+  return fileRead(handler, path, traceMissing, ignored);
+}
+
+std::string Util::fileRead(Sable::Platform::DebugHandler& handler, const std::string& path,
+                           bool traceMissing, int& error) {
   std::string text;
-  int error = 0;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  struct stat status {};
-  if (fd < 0 || fstat(fd, &status) != 0) {
-    error = errno;
-  } else if (!S_ISREG(status.st_mode)) {
-    error = EINVAL;
-  } else {
-    std::array<char, 4096> buffer{};
-    while (text.size() < kMaxFileText) {
-      const ssize_t got =
-          read(fd, buffer.data(), std::min(buffer.size(), kMaxFileText - text.size()));
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) error = errno;
-      if (got <= 0) break;
-      text.append(buffer.data(), static_cast<std::size_t>(got));
+  error = 0;
+  {
+    const KickDescriptor file(openText(path));
+    struct stat status {};
+    if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+      error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+      error = EINVAL;
+    } else {
+      std::array<char, 4096> buffer{};
+      while (text.size() < kMaxFileText) {
+        const ssize_t got =
+            read(file.get(), buffer.data(), std::min(buffer.size(), kMaxFileText - text.size()));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) error = errno;
+        if (got <= 0) break;
+        text.append(buffer.data(), static_cast<std::size_t>(got));
+      }
     }
   }
-  if (fd >= 0) close(fd);
   if (error != 0 && (error != ENOENT || traceMissing)) {
     handler.trace(7, [&](std::ostream& os) {
       os << "Util::fileRead() " << path << ": " << std::strerror(error);

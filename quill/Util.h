@@ -60,6 +60,10 @@ class Util {
   // cannot be read. `traceMissing`: a missing file is worth a trace.
   static std::string fileRead(Sable::Platform::DebugHandler& handler, const std::string& path,
                               bool traceMissing);
+  // The same, and in `error` why there is no text: 0 if there is one, else an error number; EINVAL
+  // for what is no regular file.
+  static std::string fileRead(Sable::Platform::DebugHandler& handler, const std::string& path,
+                              bool traceMissing, int& error);
   // Puts a file into `directory` in one step: whoever opens it sees the old text or the new one. 0
   // or an error number.
   static int fileReplace(const std::string& directory, std::string_view fileName,

@@ -69,9 +69,7 @@ bool Validator<Key, Value>::checkHeaders(std::uint32_t fenix) {
     if (!result && sound) failure_ = message;
     sound = sound && result;
   };
-  const QuillMem& buckets = writer_->buckets_.mem();
-  first(writer_->buckets_.header()->validate(std::min(buckets.size(), buckets.memSize()), fenix,
-                                             message));
+  first(writer_->buckets_.header()->validate(writer_->buckets_.mem().soundSize(), fenix, message));
   const typename SlotTable<Value>::HeaderCopy slots(*writer_->slots_.header());
   first(slots.validate(writer_->slots_.soundSize(), fenix, message));
   first(writer_->conquer_.validate(fenix, message));
@@ -159,7 +157,9 @@ bool Validator<Key, Value>::walkFreeSlots() {
                      " with wrong conquer slot:", pos);
       }
     }
-    if ((slot.flags.load(Mem::relaxed) & kOccupied) != 0) {
+    // LOOKASIDE too: the next use of the slot would begin with the bit up, clear it while it stores
+    // and leave it set, so that readers take the value of whatever was stored elsewhere since.
+    if ((slot.flags.load(Mem::relaxed) & (kOccupied | kLookaside)) != 0) {
       return wrong("Validator::walkFreeSlots() corrupted free slot not marked as empty: ", index);
     }
     index = slot.ref.load(Mem::relaxed).value;

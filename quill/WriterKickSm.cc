@@ -95,6 +95,7 @@ void WriterKickSm::makeSocket() {
                                              kickRoot_.filePath(kSocket), ": ",
                                              std::strerror(error));
   };
+  socketPath_ = kickRoot_.filePath(kSocket);  // to go without memory
   const KickDescriptor directory = openKickDirectory(kickRoot_.rootPath());
   check(directory.get() >= 0, "open the directory of");
   KickDescriptor listening = newKickSocket();
@@ -147,10 +148,9 @@ void WriterKickSm::deleteKickSocket() noexcept {
     // that is going. Only this writer's own: where the directory was taken away and made anew by
     // hand, another writer may be at home in it.
     struct stat status {};
-    const std::string path = kickRoot_.filePath(kSocket);
-    if (lstat(path.c_str(), &status) == 0 && status.st_dev == socketDevice_ &&
+    if (lstat(socketPath_.c_str(), &status) == 0 && status.st_dev == socketDevice_ &&
         status.st_ino == socketInode_) {
-      kickRoot_.removeFile(kSocket);
+      static_cast<void>(unlink(socketPath_.c_str()));  // one that stays is replaced by the next
     }
   }
   readers_.reset();

@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "quill/KickSocket.h"
 #include "quill/RootPath.h"
@@ -97,6 +98,7 @@ class WriterKickSm : private Sable::Platform::TimeoutHandler {
   // The file of the socket, to know it again.
   std::uint64_t socketDevice_ = 0;
   std::uint64_t socketInode_ = 0;
+  std::string socketPath_;
   unsigned connected_ = 0;
   unsigned sleepers_ = 0;
   std::uint64_t kicks_ = 0;

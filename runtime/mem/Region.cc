@@ -150,7 +150,11 @@ void* Shared::resize(unsigned size) {
 
 unsigned Shared::memSize() const noexcept {
   struct stat status {};
-  if (lstat(path_.c_str(), &status) != 0) return 0;
+  if (lstat(path_.c_str(), &status) != 0) {
+    if (errno == ENOENT || errno == ENOTDIR) errno = 0;
+    return 0;
+  }
+  errno = 0;
   constexpr auto kMax = static_cast<std::uint64_t>(std::numeric_limits<unsigned>::max());
   return static_cast<unsigned>(std::min(static_cast<std::uint64_t>(status.st_size), kMax));
 }

@@ -86,7 +86,8 @@ class Shared : public Local {
   // Mode readWrite: gives the file this size too, in both directions. Mode readOnly: maps as much.
   // REQUIRES: attached. Size 0 is EINVAL, a file that became shorter than its mapping EIO.
   void* resize(unsigned size);
-  // The size of the file, 0 if there is none or it cannot be asked about; at most 2^32 - 1.
+  // The size of the file, at most 2^32 - 1; 0 with errno 0 if there is none, and 0 with the reason
+  // in errno if it cannot be asked about.
   unsigned memSize() const noexcept;
 
   const std::string& path() const noexcept { return path_; }

@@ -70,6 +70,17 @@ TEST_F(KickSessionTest, SleepAtTheLastSequenceSleepsAndBelowItIsKicked) {
   EXPECT_FALSE(sut_.asleep());
 }
 
+TEST_F(KickSessionTest, ASleeperThatStaysBehindIsKickedOnceForEachChange) {
+  introduce(4);
+  EXPECT_EQ(Effect::kickNow, take(KickType::sleep, 9));
+  EXPECT_EQ(Effect::slept, take(KickType::sleep, 9));
+  EXPECT_TRUE(sut_.asleep());
+  last_ = 11;
+  sut_.handleKicked();
+  EXPECT_EQ(Effect::kickNow, take(KickType::sleep, 9));
+  EXPECT_EQ(Effect::slept, take(KickType::sleep, 10));
+}
+
 TEST_F(KickSessionTest, RateCountsPerSecondOfTheClock) {
   introduce(0);
   for (unsigned i = 2; i < 200'000; ++i) ASSERT_EQ(Effect::none, take(KickType::sequence, 0));

@@ -157,6 +157,8 @@ TEST_F(Recovery, EveryKindOfDamageHasItsText) {
             "Validator::markOccupied() slot:0 bad notification:2 slot:2");
   EXPECT_EQ(foundAfter([&] { slots().u32Is(164, 2); }),
             "Validator::walkFreeSlots() corrupted free slot not marked as empty: 2");
+  EXPECT_EQ(foundAfter([&] { slots().u32Is(slotAt(1) + 12, 2); }),
+            "Validator::walkFreeSlots() corrupted free slot not marked as empty: 1");
   EXPECT_EQ(foundAfter([&] { slots().u32Is(slotAt(1) + 4, 163); }),
             "Validator::walkFreeSlots() corrupted free slot detected with out of bound index: 163");
   EXPECT_EQ(foundAfter([&] { slots().u32Is(slotAt(1) + 4, 162); }),

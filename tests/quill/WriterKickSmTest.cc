@@ -413,6 +413,7 @@ TEST_F(WriterKickSmTest, ReaderWhoseSocketIsFullIsDropped) {
   sut_.change();
   const KickPeer peer = reader(0);
   for (unsigned i = 0; i < 5'000 && sut_.connectedReaders() == 1; ++i) {
+    sut_.change();  // one KICK for each
     peer.send(sleepBytes(0));
     turns(1);
   }
