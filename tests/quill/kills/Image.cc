@@ -46,6 +46,11 @@ void putFile(const std::string& path, const std::string& bytes) {
   if (!done) failed(path);
 }
 
+// An id that a process made of its own number becomes 1.
+std::uint32_t sameEverywhere(std::uint32_t id) {
+  return id == 0 || id >> 16 == Image::kFenix >> 16 ? id : 1;
+}
+
 }  // namespace
 
 Image Image::of(const std::string& directory) {
@@ -114,16 +119,17 @@ std::uint64_t Image::hash() const {
     const std::uint64_t size = mapped_[file] ? mapped_[file]->size() : UINT64_MAX;
     add(&size, sizeof size);
     if (!mapped_[file]) continue;
-    std::string copy;
-    const std::string* bytes = &*mapped_[file];
-    if (file == buckets && bytes->size() >= 24) {
-      copy = *bytes;
-      std::memset(copy.data() + 20, 0, 4);  // the writer's process
-      bytes = &copy;
+    std::string bytes = *mapped_[file];
+    if (bytes.size() >= 24) {
+      std::uint32_t id = 0;
+      std::memcpy(&id, &bytes[12], 4);
+      id = sameEverywhere(id);
+      std::memcpy(&bytes[12], &id, 4);
+      if (file == buckets) std::memset(&bytes[20], 0, 4);  // the writer's process
     }
-    add(bytes->data(), bytes->size());
+    add(bytes.data(), bytes.size());
   }
-  const std::uint32_t id = fenix();
+  const std::uint32_t id = sameEverywhere(fenix());
   add(&id, sizeof id);
   return h;
 }

@@ -23,6 +23,9 @@ class Image {
   enum File : unsigned { slots, buckets, conquer1, conquer2 };
   static constexpr std::array<const char*, 4> kNames{"slots", "buckets", "conquer.1", "conquer.2"};
 
+  // The id of every table with a history, so that its bytes are the same in every process.
+  static constexpr std::uint32_t kFenix = 0x51000001;
+
   // The directory as it is; empty if there is none. A socket counts as a file without contents.
   static Image of(const std::string& directory);
   // Makes the directory hold this, in the same files where they exist: whoever has mapped them sees

@@ -22,8 +22,6 @@ template <class Record>
 class KillStage {
  public:
   using Writer = Quill::QuillWriter<Portus::IntfId, Record>;
-  // Of every table with a history, so that its bytes are the same in every process.
-  static constexpr unsigned kFenix = 0x51000001;
   static constexpr unsigned kInPage = (4096 - 176) / (16 + (sizeof(Record) + 7) / 8 * 8) - 1;
 
   KillStage(std::string directory, unsigned maxSlots)
@@ -43,7 +41,7 @@ class KillStage {
   void prepare(const KillPlan& plan) {
     if (plan.op == KillOp::format) return;
     Image().put(directory_);
-    Quill::FenixFile::write(handler_, directory_, kFenix);
+    Quill::FenixFile::write(handler_, directory_, Image::kFenix);
     newWriter();
     for (const KillStep& step : plan.history) make(step);
     if (plan.op == KillOp::attach) writer_.reset();
