@@ -63,7 +63,8 @@ class Planner {
     reported_ = 0;
   }
   Portus::IntfId anyOf(const KillModel& model) {
-    return std::next(model.begin(), below(random_, static_cast<unsigned>(model.size())))->first;
+    return std::next(model.begin(), static_cast<std::ptrdiff_t>(below(random_, model.size())))
+        ->first;
   }
   Portus::IntfId absent(bool chained = false) {
     const auto& keys = KillKeys::all();
