@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quill/FenixFile.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -67,6 +72,22 @@ void FenixFile::write(Sable::Platform::DebugHandler& handler, const std::string&
     raise<Sable::InvalidInitializeException>("FenixFile::write() cannot write ", rootPath,
                                              "/fenix: ", std::strerror(error));
   }
+}
+
+bool FenixFile::othersIn(const std::string& rootPath, unsigned id) {
+  constexpr off_t kIdOffset = 12;  // of each of them
+  for (const char* const name : {"/slots", "/buckets", "/conquer.1", "/conquer.2"}) {
+    const std::string path = rootPath + name;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) continue;
+    struct stat status {};
+    std::uint32_t found = 0;  // of a file that is too short for one
+    const bool empty = fstat(fd, &status) != 0 || status.st_size == 0;
+    if (pread(fd, &found, sizeof found, kIdOffset) != sizeof found) found = 0;
+    close(fd);
+    if (!empty && found != id) return true;
+  }
+  return false;
 }
 
 void FenixFile::validate(Sable::Platform::DebugHandler& handler, const std::string& rootPath,

@@ -25,6 +25,8 @@ class FenixFile {
   // Raises Sable::InvalidInitializeException with the path and the system's reason.
   static void write(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                     unsigned id);
+  // Whether one of the table's four mapped files is there and has another id than `id`.
+  static bool othersIn(const std::string& rootPath, unsigned id);
   // Raises CorruptionDetectedException unless the stored id is `id`.
   static void validate(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                        unsigned id);

@@ -46,6 +46,11 @@ void QuillWriter<Key, Value>::attach() {
       static unsigned instanceId = 0;  // one for each kind of table
       Util::encodeFenix(static_cast<unsigned short>(getpid() & 0xffff),
                         Util::nextInstance(instanceId), fenix_);
+    } else if (FenixFile::othersIn(root_.rootPath(), fenix_)) {
+      // A recovery has died in here, and its files are about to be formatted under the id of the
+      // table that it gave up. Once all four are, they would be sound and empty under an id that
+      // readers hold with contents and a later sequence: the id must not outlive this writer.
+      root_.removeFile("fenix");
     }
   }
   if (attachFiles() || !validate()) {

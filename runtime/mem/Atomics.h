@@ -27,6 +27,11 @@
 #include <iosfwd>
 #include <type_traits>
 
+// What a test build does after each store into shared bytes; nothing in any other.
+#ifndef MEM_ATOMICS_STORED
+#define MEM_ATOMICS_STORED(address, size) static_cast<void>(0)
+#endif
+
 namespace Mem {
 
 struct Relaxed {};
@@ -68,9 +73,11 @@ class Atomics {
   }
   static void store32(std::uint32_t& word, std::uint32_t value, Relaxed) noexcept {
     __atomic_store_n(&word, value, __ATOMIC_RELAXED);
+    MEM_ATOMICS_STORED(&word, sizeof word);
   }
   static void store32(std::uint32_t& word, std::uint32_t value, Release) noexcept {
     __atomic_store_n(&word, value, __ATOMIC_RELEASE);
+    MEM_ATOMICS_STORED(&word, sizeof word);
   }
 
   static VerU32 load64(const VerU32& word, Relaxed) noexcept {
@@ -85,9 +92,11 @@ class Atomics {
   }
   static void store64(VerU32& word, VerU32 value, Relaxed) noexcept {
     __atomic_store(&word, &value, __ATOMIC_RELAXED);
+    MEM_ATOMICS_STORED(&word, sizeof word);
   }
   static void store64(VerU32& word, VerU32 value, Release) noexcept {
     __atomic_store(&word, &value, __ATOMIC_RELEASE);
+    MEM_ATOMICS_STORED(&word, sizeof word);
   }
 
   // Copies `size` bytes out of shared memory, each word loaded with acquire: what is loaded after
@@ -210,6 +219,7 @@ template <class T>
       from += sizeof(T);
     }
     __atomic_store_n(reinterpret_cast<Raw*>(to), word, __ATOMIC_RELEASE);
+    MEM_ATOMICS_STORED(to, sizeof(T));
     to += sizeof(T);
     size -= sizeof(T);
   }
