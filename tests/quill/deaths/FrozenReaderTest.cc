@@ -62,7 +62,6 @@ TEST(FrozenReaderTest, AReaderThatSleptThroughThousandsOfRewritesEndsInTheWriter
       ASSERT_NO_THROW(awaitMoves(field, *writer, kMoves / lives)) << "round " << round;
       ASSERT_NO_THROW(field.kill(*writer)) << "round " << round;
       if (life == lives) break;
-      wraps.put();
       writer = field.newWriter(false);
       ASSERT_NO_THROW(field.awaitWork(*writer)) << "round " << round;
     }
@@ -70,6 +69,7 @@ TEST(FrozenReaderTest, AReaderThatSleptThroughThousandsOfRewritesEndsInTheWriter
       field.watcher(number).signal(SIGCONT);
     }
     if (board.newsLost) ++lost;
+    wraps.put();
     writer = field.newWriter(true);
     ASSERT_NO_THROW(field.awaitWork(*writer)) << "round " << round;
     ASSERT_NO_THROW(field.kill(*writer)) << "round " << round;

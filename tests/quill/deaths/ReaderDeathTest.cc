@@ -47,8 +47,8 @@ using Map = LoadedWriter::Map;
 
 constexpr std::uint64_t kNumReaders = 24;  // its offset in conquer.1
 constexpr std::uint32_t kManyReaders = 1U << 30;
-constexpr unsigned kKills = 150;          // of one table
-constexpr unsigned kMaxLife = 1'000'000;  // of a reader; some longer than it takes to be connected
+constexpr unsigned kKills = 150;        // of one table
+constexpr unsigned kMaxLife = 800'000;  // of a reader; some longer than it takes to be connected
 constexpr unsigned kMaxTurns = 10'000'000;
 
 // What the test and the writer's process share.
@@ -93,6 +93,7 @@ class StillWriter {
   }
   Map& table() { return table_; }
   bool runTurn() { return loop_.runTurn(); }
+  void giveWay() { loop_.await(50); }
   std::uint64_t connected() const { return table_.writerCounters().readersConnected; }
   void awaitNobody() {
     for (unsigned turns = 0; connected() != 0; ++turns) {
@@ -123,6 +124,8 @@ void write(const std::string& path, unsigned seed, bool alone, Control& control,
     const std::uint64_t now = writer.connected();
     if (now > before) control.introduced += now - before;
     before = now;
+    // The more the writer does, the longer takes its repetition.
+    if (done % 32 == 0) writer.giveWay();
   }
   writer.awaitNobody();
 }

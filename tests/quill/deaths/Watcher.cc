@@ -163,9 +163,13 @@ void Watcher::compare(std::uint32_t round) {
   const TableModel seen = contentsOf(name_, table_);
   TableModel model;
   for (unsigned index = 0; index < Board::kKeys; ++index) {
+    const std::uint32_t version = board_.keys[index].before();
+    if (!isRemoval(historyKey(index), version)) model[historyKey(index)] = version;
+  }
+  requireSame(name_, seen, model);
+  for (unsigned index = 0; index < Board::kKeys; ++index) {
     const std::uint32_t key = historyKey(index);
     const std::uint32_t version = board_.keys[index].before();
-    if (!isRemoval(key, version)) model[key] = version;
     const std::uint32_t last = std::exchange(compared_[index], version);
     if (!isShadow() || last == version || told_.keys.contains(key)) continue;
     // Neither then nor now: what was between may have come and gone unseen.
@@ -173,7 +177,6 @@ void Watcher::compare(std::uint32_t round) {
     wrong(name_ + " was not told of key " + text(key) + ", " + text(version) + " after " +
           text(last));
   }
-  requireSame(name_, seen, model);
   told_.keys.clear();
   board_.compared[number_] = round;
 }

@@ -21,7 +21,6 @@ namespace {
 constexpr unsigned kMaxWait = 100'000;   // some 300 microseconds
 constexpr unsigned kMaxStart = 400'000;  // some longer than an attach takes
 constexpr unsigned kRestEvery = 30;
-constexpr unsigned kWrapEvery = 20;
 
 unsigned long count(const std::atomic<std::uint64_t>& number) {
   return static_cast<unsigned long>(number.load());
@@ -57,9 +56,9 @@ TEST(WriterDeathTest, EveryDeathLeavesTheTableBeforeOrAfterOneOperationOrACleanN
   unsigned rests = 0;
 
   for (; run.goesOn(deaths); ++deaths) {
-    if (deaths % kWrapEvery == kWrapEvery - 1) wraps.put();
     field.board().gentle = deaths / kRestEvery % 2 == 0;
     const bool rest = deaths % kRestEvery == kRestEvery - 1;
+    if (rest) wraps.put();
     const auto writer = field.newWriter(rest);
     if (!rest && field.random() % 8 == 0) {
       busyWait(field.random() % kMaxStart);  // wherever it is in its attach

@@ -110,7 +110,7 @@ void History::restartNearWrap() {
   wraps_.put();
   coverage().wrapped = std::max(coverage().wrapped, wraps_.wrapped());
   coverage().sequencesPassed = std::max(coverage().sequencesPassed, wraps_.sequencesPassed());
-  writer();
+  quiet();
 }
 
 void History::write(std::uint32_t key, bool overwrite) {

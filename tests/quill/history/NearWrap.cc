@@ -53,18 +53,22 @@ class NearWrap::File {
 void NearWrap::put() {
   const Verdict verdict = judgeTable(directory_);
   if (!verdict.sound) return;
-  links(verdict.fenix);
-  if (verdict.fenix != fenix_) lastBorder_ = 0;
-  queue();
-  fenix_ = verdict.fenix;
+  const bool edited = verdict.fenix == fenix_;
+  if (!edited) {
+    fenix_ = verdict.fenix;
+    wrappedBefore_ = wrapped();
+    ++edits_;
+  }
+  wrappedNow_ = 0;
+  links(edited);
+  queue(edited);
 }
 
-void NearWrap::links(std::uint32_t fenix) {
-  const bool edited = fenix == fenix_;
-  const auto version = [&](const Mem::SharedVerU32& cell, std::uint32_t from) {
+void NearWrap::links(bool edited) {
+  const auto version = [&](Mem::SharedVerU32& cell, std::uint32_t from) {
     const Mem::VerU32 word = cell.load(Mem::relaxed);
-    if (edited && word.version < kWrappedTo) ++wrapped_;
-    const_cast<Mem::SharedVerU32&>(cell).store({from, word.value}, Mem::release);
+    if (!edited) return cell.store({from, word.value}, Mem::release);
+    if (word.version < kWrappedTo) ++wrappedNow_;
   };
   const File buckets(directory_ + "/buckets");
   const std::uint32_t numBuckets = buckets.load(16);
@@ -79,39 +83,41 @@ void NearWrap::links(std::uint32_t fenix) {
     const std::uint64_t at = 176 + slotSize * (std::uint64_t{index} + 1);
     version(slots.word(at), 0U - kBelow);
     const std::uint32_t flags = slots.load(at + 12);
-    if (edited && flags >> 2 < kWrappedTo) ++wrapped_;
-    slots.u32(at + 12).store((0U - kBelow) << 2 | (flags & 3U), Mem::release);
+    if (!edited) {
+      slots.u32(at + 12).store((0U - kBelow) << 2 | (flags & 3U), Mem::release);
+    } else if (flags >> 2 < kWrappedTo) {
+      ++wrappedNow_;
+    }
   }
   version(slots.word(168), 0U - 2);
 }
 
 // As the writer moves the queue: into the table that is not current, then the switch. So a shadow
 // that reads the queue meanwhile notices.
-void NearWrap::queue() {
+void NearWrap::queue(bool edited) {
   const File primary(directory_ + "/conquer.1");
   const File secondary(directory_ + "/conquer.2");
   const std::uint32_t id = primary.load(36);
   const File& from = id == 0 ? primary : secondary;
   const File& to = id == 0 ? secondary : primary;
   const std::uint32_t used = from.load(48);
-  if (used == 0 || used > to.load(44)) return;
   const auto entry = [](std::uint32_t pos) { return 52 + 12 * std::uint64_t{pos}; };
   const auto sequence = [&](std::uint32_t pos) {
     return std::uint64_t{from.load(entry(pos) + 4)} << 32 | from.load(entry(pos));
   };
-  const std::uint64_t last = sequence(used - 1);
   Mem::SharedVerU32& generation = primary.word(32);
-  if (lastBorder_ != 0) {
-    if (last >= lastBorder_) ++sequencesPassed_;
-    if (generation.load(Mem::relaxed).version < kWrappedTo) ++wrapped_;
+  if (edited) {
+    if (generation.load(Mem::relaxed).version < kWrappedTo) ++wrappedNow_;
+    if (border_ != 0 && used != 0 && sequence(used - 1) >= border_) {
+      ++sequencesPassed_;
+      border_ = 0;
+    }
+    return;
   }
-  std::uint64_t by = 0;
-  lastBorder_ = 1;  // edited, but there is no border left
-  for (const std::uint64_t border : {std::uint64_t{1} << 63, std::uint64_t{1} << 32}) {
-    if (last >= border - kSequencesLeft) continue;
-    by = border - kSequencesLeft - last;
-    lastBorder_ = border;
-  }
+  border_ = 0;
+  if (used == 0 || used > to.load(44)) return;
+  border_ = edits_ % 2 != 0 ? std::uint64_t{1} << 32 : std::uint64_t{1} << 63;
+  const std::uint64_t by = border_ - kSequencesLeft - sequence(used - 1);
   to.u32(48).store(0, Mem::release);
   for (std::uint32_t pos = 0; pos < used; ++pos) {
     const std::uint64_t moved = sequence(pos) + by;
