@@ -62,6 +62,15 @@ struct Board {
     return lowest;
   }
 
+  void stateSeen(const std::string& name) {
+    for (State& state : states) {
+      if (state.count == 0) std::snprintf(state.name.data(), state.name.size(), "%s", name.c_str());
+      if (name != state.name.data()) continue;
+      ++state.count;
+      return;
+    }
+  }
+
   std::array<KeyVersions, kKeys> keys{};
 
   // The writer. An index is that of a key, plus 1; 0 is none.
@@ -100,6 +109,12 @@ struct Board {
   std::atomic<std::uint64_t> keptBefore = 0;
   std::atomic<std::uint64_t> keptAfter = 0;
   std::atomic<std::uint64_t> givenUp = 0;
+  // In what states the files were left, of those that cost the table. The writer alone counts.
+  struct State {
+    std::array<char, 60> name{};
+    std::uint64_t count = 0;
+  };
+  std::array<State, 24> states{};
   std::atomic<std::uint64_t> moves = 0;    // of the queue
   std::atomic<std::uint64_t> growths = 0;  // of the slots
   std::atomic<std::uint64_t> lostNews = 0;

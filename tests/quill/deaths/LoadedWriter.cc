@@ -40,6 +40,7 @@ void LoadedWriter::takeOver() {
             verdict.reason);
     }
     board_.unsound = true;
+    board_.stateSeen(verdict.reason);
   }
   table_ = std::make_unique<Map>(path_, "t");
   table_->init(Quill::QuillType::writer, false, kMaxSlots);
@@ -152,7 +153,7 @@ void LoadedWriter::change(unsigned index) {
 // Not for ever: a shadow that has no connection waits for the next writer.
 void LoadedWriter::awaitShadows() {
   const std::uint64_t sequence = table_->sequence();
-  for (unsigned turns = 0; turns < 100 && board_.consumedByAll() < sequence; ++turns) {
+  for (unsigned turns = 0; turns < 20 && board_.consumedByAll() < sequence; ++turns) {
     if (!loop_.runTurn()) loop_.await(50);
   }
 }

@@ -52,7 +52,10 @@ void Watcher::watch(unsigned seed) {
       const bool mounted = table_.mountStatus() != 0;
       board_.consumedIs(number_, mounted ? table_.fenixId() : 0, table_.sequence());
     }
-    board_.resyncs[number_] = table_.readerCounters().resyncs;
+    // A handle that mounts anew begins to count anew.
+    const std::uint32_t resyncs = table_.readerCounters().resyncs;
+    if (resyncs > resyncs_) board_.resyncs[number_] += resyncs - resyncs_;
+    resyncs_ = resyncs;
   }
 }
 

@@ -63,6 +63,7 @@ class Watcher {
   const Vex::CurrentActivityManager current_;
   KeySet told_;
   Versions compared_{};
+  std::uint32_t resyncs_ = 0;
   Map table_;
 };
 

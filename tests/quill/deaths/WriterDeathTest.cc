@@ -35,6 +35,11 @@ void summarize(Board& board, unsigned deaths, unsigned rests, const NearWrap& wr
   std::printf(
       "writers: %u comparisons at rest, news lost before %lu of them; versions wrapped %lu\n",
       rests, count(board.lostNews), static_cast<unsigned long>(wraps.wrapped()));
+  for (const Board::State& state : board.states) {
+    if (state.count == 0) break;
+    std::printf("writers: left unsound %lu times: %s\n", static_cast<unsigned long>(state.count),
+                state.name.data());
+  }
   for (unsigned number = 0; number < Board::kWatchers; ++number) {
     std::printf(
         "writers: watcher %u: %lu looks, %lu at a key in the making, %lu lost generations met, "
