@@ -86,7 +86,8 @@ class Child {
       std::fprintf(stderr, "a child did not end\n");
     }
     int status = 0;
-    waitpid(pid_, &status, 0);
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
     ended_ = true;
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return status_;
