@@ -101,6 +101,9 @@ bool SlotReaderTable<KEY, VALUE>::remap() {
   // No longer than the file, so it fits 32 bits.
   void* const base = this->mem_.resize(static_cast<std::uint32_t>(wanted));
   if (base == nullptr) {
+    // Pages that were lost and read cannot be moved, though the file has its length again: a writer
+    // that gave the table up cut it and made it longer. That is damage, which the next mount cures.
+    checkTruncated();
     raise<Sable::MemoryResourceException>(
         "SlotReader::doResize() failed to resize shared memory to size ", wanted,
         " - the system may be out of memory.");

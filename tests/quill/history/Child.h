@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -55,7 +56,7 @@ class Child {
   // False: the time is up, or the other end is closed.
   static bool readable(int socket, int limit = kLimit) {
     pollfd entry{socket, POLLIN, 0};
-    return poll(&entry, 1, limit) == 1 && (entry.revents & POLLIN) != 0;
+    return awaited(entry, limit) && (entry.revents & POLLIN) != 0;
   }
   // Waits for the child to say anything.
   void await() const {
@@ -66,26 +67,42 @@ class Child {
     if (write(socket, "!", 1) != 1) wrong("nobody to tell");
   }
   void kill() {
-    ::kill(pid_, SIGKILL);
+    signal(SIGKILL);
     end();
+  }
+  void signal(int number) const { ::kill(pid_, number); }
+  // Whether it has ended by itself, or does within so many milliseconds.
+  bool ended(int limit) const {
+    pollfd entry{socket_, 0, 0};  // POLLHUP
+    return awaited(entry, limit);
   }
   // Waits for the end, which the closing of the child's socket announces, and answers the exit
   // status, or -1 for an end by a signal.
   int end() {
     if (ended_) return status_;
     pollfd entry{socket_, 0, 0};  // POLLHUP
-    if (poll(&entry, 1, kLimit) != 1) {
+    if (!awaited(entry, kLimit)) {
       ::kill(pid_, SIGKILL);
       std::fprintf(stderr, "a child did not end\n");
     }
     int status = 0;
-    waitpid(pid_, &status, 0);
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
     ended_ = true;
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return status_;
   }
 
  private:
+  // A signal, such as the one that ends a run, begins the wait anew.
+  static bool awaited(pollfd& entry, int limit) {
+    int answer = 0;
+    do {
+      answer = poll(&entry, 1, limit);
+    } while (answer < 0 && errno == EINTR);
+    return answer == 1;
+  }
+
   pid_t pid_ = -1;
   int socket_ = -1;
   bool ended_ = false;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tests/quill/history/History.h"
 
+#include <algorithm>
 #include <ostream>
 #include <utility>
 
@@ -19,10 +20,10 @@ constexpr unsigned kMaxSlots = 16;
 
 std::ostream& operator<<(std::ostream& out, const Step& step) {
   static constexpr const char* kNames[Step::kinds] = {
-      "write",          "writeNew",     "remove",      "direct", "fill",        "drain",
-      "churn",          "run",          "runAll",      "leap",   "close",       "restart",
-      "restartDamaged", "cutReaders",   "cutWriter",   "away",   "falseReport", "damage",
-      "settings",       "notifyingOff", "notifyingOn", "quiet"};
+      "write",          "writeNew", "remove",       "direct",      "fill",  "drain",
+      "churn",          "run",      "runAll",       "leap",        "close", "restart",
+      "restartDamaged", "nearWrap", "cutReaders",   "cutWriter",   "away",  "falseReport",
+      "damage",         "settings", "notifyingOff", "notifyingOn", "quiet"};
   return out << kNames[step.kind] << " " << step.key << " " << step.much;
 }
 
@@ -101,6 +102,15 @@ void History::restart(bool damaged) {
   if (writer().fenixId() == before) wrong("a damaged table was kept");
   ++coverage().givenUp;
   model_.clear();
+}
+
+void History::restartNearWrap() {
+  writer();
+  closeWriter();
+  wraps_.put();
+  coverage().wrapped = std::max(coverage().wrapped, wraps_.wrapped());
+  coverage().sequencesPassed = std::max(coverage().sequencesPassed, wraps_.sequencesPassed());
+  quiet();
 }
 
 void History::write(std::uint32_t key, bool overwrite) {
@@ -204,6 +214,9 @@ void History::take(const Step& step) {
       break;
     case Step::restartDamaged:
       restart(true);
+      break;
+    case Step::nearWrap:
+      restartNearWrap();
       break;
     case Step::cutReaders:
       cut(true);

@@ -23,6 +23,7 @@
 
 #include "quill/QuillMap.h"
 #include "tests/quill/TestTable.h"
+#include "tests/quill/history/NearWrap.h"
 #include "tests/quill/history/StallLoop.h"
 #include "tests/quill/history/TableModel.h"
 
@@ -43,6 +44,7 @@ struct Step {
     close,
     restart,
     restartDamaged,
+    nearWrap,
     cutReaders,
     cutWriter,
     away,
@@ -79,6 +81,8 @@ class History {
     std::uint64_t connectionsCut = 0;
     std::uint64_t damagesMet = 0;
     std::uint64_t newsLost = 0;
+    std::uint64_t wrapped = 0;
+    std::uint64_t sequencesPassed = 0;
     // The highest count that a writer or a shadow had.
     std::uint64_t compactions = 0;
     std::uint64_t prunes = 0;
@@ -116,6 +120,7 @@ class History {
   void count();
   void closeWriter();
   void restart(bool damaged);
+  void restartNearWrap();
   void damageFiles(unsigned which);
   // Damage for as long as a reader and the writer look.
   void passingDamage(std::uint32_t key);
@@ -151,6 +156,7 @@ class History {
   unsigned reports_ = 0;
   unsigned steps_ = 0;
   unsigned capacity_ = 0;
+  NearWrap wraps_{path_};
   bool newsLost_ = false;  // QueueWatch.h, since all was quiet
 };
 

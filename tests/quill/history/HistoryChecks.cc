@@ -73,7 +73,7 @@ void History::damageFiles(unsigned which) {
     case 1:
       return slots.u32Is(kOccupiedSlots, slots.u32(kOccupiedSlots) + 1);
     case 2:
-      return RawFile(path_ + "/conquer.1").u64Is(kMinSeq, 1ULL << 60);
+      return RawFile(path_ + "/conquer.1").u64Is(kMinSeq, ~0ULL - 1);
     default: {
       const RawFile buckets(path_ + "/buckets");
       return buckets.u32Is(kBucketsFenix, buckets.u32(kBucketsFenix) + 1000);

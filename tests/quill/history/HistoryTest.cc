@@ -31,7 +31,7 @@ rc::Gen<Step> anyStep() {
        {2, Step::restartDamaged}, {2, Step::cutReaders},   {2, Step::cutWriter},
        {2, Step::away},           {1, Step::falseReport},  {1, Step::damage},
        {4, Step::settings},       {2, Step::notifyingOff}, {4, Step::notifyingOn},
-       {1, Step::quiet}});
+       {1, Step::quiet},          {4, Step::nearWrap}});
   return rc::gen::resize(
       rc::kNominalSize,
       rc::gen::construct<Step>(kind, rc::gen::inRange<std::uint16_t>(0, History::kKeys),
@@ -97,6 +97,8 @@ TEST_F(HistoryTest, EveryAnswerIsTheMapsAndEveryChangedKeyIsNotified) {
   EXPECT_GT(seen.syncYields, 0U);
   EXPECT_GT(seen.slotMoves, 0U);
   EXPECT_GT(seen.damagesMet, 0U);
+  EXPECT_GT(seen.wrapped, 0U);
+  EXPECT_GT(seen.sequencesPassed, 0U);
   EXPECT_LT(seen.newsLost * 10, seen.quiets);
 }
 

@@ -9,7 +9,9 @@
 // Looks at the files before and after one change of the table, by their bytes alone.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <string>
 
@@ -20,17 +22,20 @@ namespace QuillTest {
 class QueueWatch {
  public:
   explicit QueueWatch(const std::string& directory) : directory_(directory) {
-    const RawFile file = current();
-    if (file.u32(kCurrentPos) >= file.u32(kCapacity)) before_ = liveEntries(file);
+    const std::string file = current();
+    if (number<std::uint32_t>(file, kCurrentPos) >= number<std::uint32_t>(file, kCapacity)) {
+      before_ = liveEntries(file);
+    }
   }
 
-  // Asked after the change.
-  bool droppedTooEarly() const {
+  // Asked after the change. An entry was dropped that a reader may not have passed: one above what
+  // the file says that all have passed, and above `passed`, if more is known of them.
+  bool droppedTooEarly(std::uint64_t passed = 0) const {
     if (before_.empty()) return false;
-    const std::uint64_t minSeq = RawFile(directory_ + "/conquer.1").u64(kMinSeq);
+    passed = std::max(passed, RawFile(directory_ + "/conquer.1").u64(kMinSeq));
     const std::map<std::uint32_t, std::uint64_t> after = liveEntries(current());
     for (const auto& [slot, sequence] : before_) {
-      if (sequence > minSeq && !after.contains(slot)) return true;
+      if (sequence > passed && !after.contains(slot)) return true;
     }
     return false;
   }
@@ -44,18 +49,27 @@ class QueueWatch {
   static constexpr std::uint64_t kEntries = 52;
   static constexpr std::uint64_t kEntrySize = 12;
 
-  RawFile current() const {
+  // At one go: a queue has hundreds of entries.
+  std::string current() const {
     const bool second = RawFile(directory_ + "/conquer.1").u32(kCurrentTable) != 0;
-    return RawFile(directory_ + (second ? "/conquer.2" : "/conquer.1"));
+    return RawFile(directory_ + (second ? "/conquer.2" : "/conquer.1")).all();
+  }
+  template <class T>
+  static T number(const std::string& file, std::uint64_t offset) {
+    T value{};
+    if (offset + sizeof value <= file.size()) {
+      std::memcpy(&value, file.data() + offset, sizeof value);
+    }
+    return value;
   }
   // The sequence of each slot's live entry.
-  static std::map<std::uint32_t, std::uint64_t> liveEntries(const RawFile& file) {
+  static std::map<std::uint32_t, std::uint64_t> liveEntries(const std::string& file) {
     std::map<std::uint32_t, std::uint64_t> live;
-    const std::uint32_t count = file.u32(kCurrentPos);
+    const auto count = number<std::uint32_t>(file, kCurrentPos);
     for (std::uint32_t pos = 0; pos < count; ++pos) {
       const std::uint64_t at = kEntries + kEntrySize * pos;
-      const std::uint32_t slot = file.u32(at + 8);
-      if (slot != 0xFFFFFFFFU) live[slot] = file.u64(at);
+      const auto slot = number<std::uint32_t>(file, at + 8);
+      if (slot != 0xFFFFFFFFU) live[slot] = number<std::uint64_t>(file, at);
     }
     return live;
   }

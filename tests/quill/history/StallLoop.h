@@ -2,10 +2,12 @@
 //
 // The loop of one party of a history: it runs when the test says so, else the party stands still.
 // Its clock moves by a small step with each look, so that work which gives way when its time is up
-// does so, and by leaps when the test says so. Nothing waits.
+// does so, and by leaps when the test says so. Nothing waits, but for await(), by which a process
+// leaves the processor to the others of its test.
 #pragma once
 
 #include <poll.h>
+#include <time.h>
 
 #include <cstdint>
 #include <map>
@@ -28,6 +30,15 @@ class StallLoop final : public Vex::ActivityManager {
     return any;
   }
   void leap(double seconds) { leaping_->time += seconds; }
+  // By how much the clock moves with each look.
+  void stepIs(double seconds) { leaping_->step = seconds; }
+  // Until a descriptor is readable, or for so many microseconds.
+  void await(long microseconds) {
+    std::vector<pollfd> polled;
+    for (const auto& [fd, watch] : watches_) polled.push_back({fd, POLLIN, 0});
+    const timespec limit{0, microseconds * 1000};
+    static_cast<void>(ppoll(polled.data(), polled.size(), &limit, nullptr));
+  }
 
   void readableIs(int fd, Vex::ReadableHandler& handler) override {
     watches_[fd] = {&handler, ++generation_};
@@ -36,8 +47,9 @@ class StallLoop final : public Vex::ActivityManager {
 
  private:
   struct LeapingClock final : Vex::Clock {
-    double now() const noexcept override { return time += 0.0005; }
+    double now() const noexcept override { return time += step; }
     mutable double time = 1000.0;
+    double step = 0.0005;
   };
   struct Watch {
     Vex::ReadableHandler* handler;
