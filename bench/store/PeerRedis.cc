@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {
@@ -68,6 +68,7 @@ class RedisTable {
  public:
   static constexpr std::size_t kVisits = 1'000;
   static constexpr std::size_t kMaxRecords = 65'536;
+  static constexpr bool kWaits = true;
 
   explicit RedisTable(std::size_t) {
     static const Server server;
