@@ -60,14 +60,14 @@ BucketTable::BucketTable(Sable::Platform::DebugHandler& handler, const RootPath&
 
 void BucketTable::detach() {
   mem_.detach();
-  numBuckets_ = 0;
+  headsAre(0);
   highest_ = 0;
   reachable_ = 0;
   header_ = nullptr;
 }
 
 void BucketTable::countIs(std::uint32_t count) noexcept {
-  numBuckets_ = count;
+  headsAre(count);
   highest_ = count - 1;
   const std::uint32_t mapped =
       mem_.size() < kHeaderSize ? 0 : (mem_.size() - kHeaderSize) / kBucketSize;
@@ -80,12 +80,12 @@ BucketWriterTable::BucketWriterTable(Sable::Platform::DebugHandler& handler, con
     : BucketTable(handler, root, localMem),
       counters_(&counters),
       wanted_(bucketsFor(maxSlots, Mem::pageSize_)) {
-  numBuckets_ = wanted_;
+  headsAre(wanted_);
 }
 
 void BucketWriterTable::detach() {
   BucketTable::detach();
-  numBuckets_ = wanted_;  // settled for the life of the object
+  headsAre(wanted_);  // settled for the life of the object
 }
 
 bool BucketWriterTable::attach(std::uint32_t fenix) {

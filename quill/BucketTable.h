@@ -17,6 +17,7 @@
 
 #include "quill/Counters.h"
 #include "quill/QuillMem.h"
+#include "quill/Remainder.h"
 #include "quill/SlotTable.h"
 #include "runtime/mem/Atomics.h"
 #include "runtime/sable/Platform.h"
@@ -52,16 +53,23 @@ class BucketTable : protected Sable::Debuggable {
   void detach();
   // 0 for a reader that is detached.
   std::uint32_t numBuckets() const noexcept { return numBuckets_; }
+  // The chain of a key with this hash: hash % numBuckets(); 0 while that is 0.
+  std::uint32_t bucketOf(std::uint32_t hash) const noexcept { return remainder_(hash); }
   const Header* header() const noexcept { return header_; }
   const QuillMem& mem() const noexcept { return mem_; }
 
  protected:
   BucketTable(Sable::Platform::DebugHandler& handler, const RootPath& root, bool localMem);
+  void headsAre(std::uint32_t count) noexcept {
+    numBuckets_ = count;
+    remainder_ = Remainder(count);
+  }
   // Takes `count` heads as there, as far as the mapping reaches.
   void countIs(std::uint32_t count) noexcept;
 
   QuillMem mem_;
   std::uint32_t numBuckets_ = 0;
+  Remainder remainder_;          // by numBuckets_
   std::uint32_t highest_ = 0;    // highest valid index
   std::uint32_t reachable_ = 0;  // heads that lie in the mapping, at most numBuckets_
   Header* header_ = nullptr;
@@ -105,6 +113,10 @@ class BucketReaderTable final : public BucketTable {
     if (index >= reachable_) [[unlikely]]
       outOfRange(index);
     return header_->buckets() + index;
+  }
+  // Null in place of an exception.
+  const SlotRef* peek(std::uint32_t index) const noexcept {
+    return index < reachable_ ? header_->buckets() + index : nullptr;
   }
 
  private:

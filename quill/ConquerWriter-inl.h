@@ -244,6 +244,7 @@ void ConquerWriter<VALUE>::compact() {
   const std::uint32_t dropped = cut(current_->entries(), currentPos(), minSeq);
   const auto& slots = slotTable_->slots();
   for (std::uint32_t pos = 0; pos < dropped; ++pos) {
+    if (dropped - pos > kPrefetch) slots.prefetch(slotAt(pos + kPrefetch));
     const std::uint32_t slot = slotAt(pos);
     if (slot == kNoSlot) continue;
     Conquer::trace(
@@ -261,6 +262,7 @@ void ConquerWriter<VALUE>::compact() {
   std::uint32_t to = 0;
   const Entry* const from = current_->entries();
   for (std::uint32_t pos = dropped; pos < capacity; ++pos) {
+    if (capacity - pos > kPrefetch) slots.prefetch(from[pos + kPrefetch].slot.load(Mem::relaxed));
     const std::uint32_t slot = from[pos].slot.load(Mem::relaxed);
     if (slot == kNoSlot) continue;
     Conquer::trace(9, [&](std::ostream& os) {

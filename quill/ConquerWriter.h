@@ -70,6 +70,9 @@ class ConquerWriter final : public Conquer, public WriterKickSm {
   static std::uint64_t grownCount(std::uint32_t live, std::uint32_t pageSize) noexcept;
 
  private:
+  // Entries that a compaction looks ahead, since the slots that they name lie anywhere.
+  static constexpr std::uint32_t kPrefetch = 16;
+
   void format(ConquerTableId id, std::uint32_t fenix, std::uint32_t count);
   void compact();
   void grow(ConquerTableId id);

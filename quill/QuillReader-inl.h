@@ -3,6 +3,8 @@
 // Bodies of QuillReader.h.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <bit>
 
 #include "quill/Exceptions.h"
@@ -195,6 +197,29 @@ const VALUE& QuillReader<KEY, VALUE>::doLookup(const KEY& key, bool& found) cons
 }
 
 template <class KEY, class VALUE>
+unsigned QuillReader<KEY, VALUE>::lookupMany(const KEY* keys, unsigned count, VALUE* values,
+                                             bool* found) const {
+  unsigned numFound = 0;
+  for (unsigned n; count != 0; keys += n, values += n, found += n, count -= n) {
+    n = std::min(count, kBatch);
+    // Nothing that is looked at here is believed: lookup() reads it all again.
+    std::array<const SlotRef*, kBatch> heads;
+    for (unsigned i = 0; i < n; ++i) {
+      heads[i] = buckets_.peek(bucketOf(keys[i]));
+      __builtin_prefetch(heads[i]);
+    }
+    for (unsigned i = 0; i < n; ++i) {
+      if (heads[i] != nullptr) slots_.slots().prefetch(heads[i]->load(Mem::relaxed).value);
+    }
+    for (unsigned i = 0; i < n; ++i) {
+      values[i] = lookup(keys[i], found[i]);
+      numFound += found[i] ? 1 : 0;
+    }
+  }
+  return numFound;
+}
+
+template <class KEY, class VALUE>
 bool QuillReader<KEY, VALUE>::first(std::uint32_t bucket, VALUE& value, IterHint& hint) const {
   return believed([&] { return doFirst(bucket, value, hint); });
 }
@@ -278,13 +303,12 @@ template <class KEY, class VALUE>
 [[gnu::always_inline]] inline const VALUE& QuillReader<KEY, VALUE>::find(const KEY& key,
                                                                          bool& found) const {
   found = false;
-  const std::uint32_t numBuckets = buckets_.numBuckets();
-  if (numBuckets == 0) [[unlikely]] {
+  if (buckets_.numBuckets() == 0) [[unlikely]] {
     this->trace(7, [](std::ostream& os) { os << "QuillReader::doLookup() bucket table detached"; });
     return this->emptyValue_;
   }
   const auto notBefore = [&key](const KEY& stored) { return !(stored < key); };
-  if (walk(key, key.hash() % numBuckets, kLookupTexts, notBefore) == kNoSlot) {
+  if (walk(key, bucketOf(key), kLookupTexts, notBefore) == kNoSlot) {
     return this->emptyValue_;
   }
   found = !(key < keyOf<KEY>(scratch_));
@@ -295,6 +319,10 @@ template <class KEY, class VALUE>
 bool QuillReader<KEY, VALUE>::doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const {
   const std::uint32_t numBuckets = buckets_.numBuckets();
   while (bucket < numBuckets) {
+    // Chains lie anywhere: those of the buckets to come are under way while this one is copied.
+    if (const SlotRef* const ahead = buckets_.peek(bucket + kPrefetch)) {
+      slots_.slots().prefetch(ahead->load(Mem::relaxed).value);
+    }
     const Position at(buckets_.getRef(bucket));
     if (at.next == kNoSlot) {
       ++bucket;
@@ -309,7 +337,7 @@ bool QuillReader<KEY, VALUE>::doFirst(std::uint32_t bucket, VALUE& value, IterHi
     if ((flags & kOccupied) == 0) [[unlikely]] {
       raiseFree("QuillReader::first() slot:", at.next, key);
     }
-    if (key.hash() % numBuckets != bucket) [[unlikely]] {
+    if (bucketOf(key) != bucket) [[unlikely]] {
       raise<CorruptionDetectedException>("QuillReader::first() corrupt key detected, key:", key,
                                          " bucket:", bucket);
     }
@@ -347,7 +375,7 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
   if (at.next == kNoSlot) {
     // The end of the chain, or of the free list if the slot was taken and used again meanwhile. A
     // bucket from elsewhere would skip or repeat some.
-    if (at.changed() || key.hash() % buckets_.numBuckets() != hint.bucket) return false;
+    if (at.changed() || bucketOf(key) != hint.bucket) return false;
     answer = doFirst(hint.bucket + 1, value, hint);
     return true;
   }
@@ -358,9 +386,9 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
     raiseFree("QuillReader::doNext() slot:", at.next, key);
   }
   const KEY stored = keyOf<KEY>(scratch_);
-  if (stored.hash() % buckets_.numBuckets() != hint.bucket) [[unlikely]] {
+  if (bucketOf(stored) != hint.bucket) [[unlikely]] {
     // A bucket from elsewhere is the hint's fault and not the table's.
-    if (key.hash() % buckets_.numBuckets() != hint.bucket) return false;
+    if (bucketOf(key) != hint.bucket) return false;
     raise<CorruptionDetectedException>("QuillReader::doNext() corrupt key detected key:", stored,
                                        " bucketIndex ", hint.bucket);
   }
@@ -376,12 +404,11 @@ bool QuillReader<KEY, VALUE>::hintedNext(const KEY& key, VALUE& value, IterHint&
 
 template <class KEY, class VALUE>
 bool QuillReader<KEY, VALUE>::walkToNext(const KEY& key, VALUE& value, IterHint& hint) const {
-  const std::uint32_t numBuckets = buckets_.numBuckets();
-  const std::uint32_t bucket = key.hash() % numBuckets;
+  const std::uint32_t bucket = bucketOf(key);
   const auto behind = [&key](const KEY& stored) { return key < stored; };
   const std::uint32_t slot = walk(key, bucket, kNextTexts, behind);
   if (slot == kNoSlot) return doFirst(bucket + 1, value, hint);
-  if (const KEY stored = keyOf<KEY>(scratch_); stored.hash() % numBuckets != bucket) [[unlikely]] {
+  if (const KEY stored = keyOf<KEY>(scratch_); bucketOf(stored) != bucket) [[unlikely]] {
     raise<CorruptionDetectedException>("QuillReader::doNext() corrupt key detected key:", stored,
                                        " bucketIndex:", bucket);
   }

@@ -49,6 +49,10 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   // Sable::MemoryResourceException if a grown table cannot be mapped. `key` may lie in `value`, or
   // in what lookup() referred to.
   const VALUE& lookup(const KEY& key, bool& found) const override;
+  // lookup() for each of `count` keys, and answers how many were found; the memory that one needs
+  // is fetched while the one before is looked up. `values` and `found` have room for `count`; they
+  // may not overlap `keys`. What was not found is a default value.
+  unsigned lookupMany(const KEY* keys, unsigned count, VALUE* values, bool* found) const;
   // False: `value` is a default one.
   bool first(VALUE& value, IterHint& hint) const override { return first(0, value, hint); }
   // The first entry at or after a bucket.
@@ -83,6 +87,11 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   std::uint32_t numBuckets() const noexcept { return buckets_.numBuckets(); }
 
  private:
+  // Buckets that an iteration looks ahead.
+  static constexpr std::uint32_t kPrefetch = 16;
+  // Keys that lookupMany() has under way: what a processor's line fill buffers can take.
+  static constexpr unsigned kBatch = 16;
+
   // A link as it was loaded, and where. Two plain numbers: they stay in registers.
   struct Position {
     const SlotRef* link;
@@ -118,6 +127,9 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
       "QuillReader::doLookup() slot:"};
   static constexpr WalkTexts kNextTexts{
       "QuillReader::doNext() hash chain cycle detected, slotCount:", "QuillReader::doNext() slot:"};
+  std::uint32_t bucketOf(const KEY& key) const noexcept {
+    return buckets_.bucketOf(static_cast<std::uint32_t>(key.hash()));
+  }
   // Walks a chain up to the first key for which `stop` is true, and answers its slot with the value
   // in scratch_; kNoSlot at the end of the chain. `key` is the one asked for, for texts. Raises
   // CorruptionDetectedException.

@@ -40,44 +40,59 @@ const Value* QuillWriter<Key, Value>::valueIn(const Slot<Value>& slot) noexcept 
 }
 
 template <class Key, class Value>
-Slot<Value>& QuillWriter<Key, Value>::slotOnChain(std::uint32_t index, std::uint32_t bucket,
-                                                  std::uint32_t& steps,
-                                                  const WalkNames& names) const {
-  if (++steps > capacity()) [[unlikely]] {
-    raise<CorruptionDetectedException>("QuillWriter::", names.cycle,
-                                       "() hash chain cycle detected, slotCount:", steps,
-                                       " capacity:", capacity());
-  }
+[[gnu::always_inline]] inline Slot<Value>& QuillWriter<Key, Value>::slotOnChain(
+    std::uint32_t index, std::uint32_t& steps, const WalkNames& names) const {
+  if (++steps > capacity()) [[unlikely]]
+    cycleOnChain(steps, names);
   Slot<Value>& slot = slots_.slots()[index];
-  if (!isOccupied(slot)) [[unlikely]] {
-    raise<CorruptionDetectedException>("QuillWriter::", names.occupied, "() slot: ", index,
-                                       " not marked as occupied");
-  }
-  if (bucketOf(keyAt(slot)) != bucket) [[unlikely]] {
-    raise<CorruptionDetectedException>("QuillWriter::", names.corrupt,
-                                       "() corrupt key detected, slot: ", index);
-  }
+  if (!isOccupied(slot)) [[unlikely]]
+    freeOnChain(index, names);
   return slot;
 }
 
 template <class Key, class Value>
-bool QuillWriter<Key, Value>::find(const Key& key, std::uint32_t bucket, SlotRef*& curr,
-                                   Slot<Value>*& next, std::uint32_t& index) const {
+[[gnu::noinline, gnu::cold]] void QuillWriter<Key, Value>::cycleOnChain(
+    std::uint32_t steps, const WalkNames& names) const {
+  raise<CorruptionDetectedException>("QuillWriter::", names.cycle,
+                                     "() hash chain cycle detected, slotCount:", steps,
+                                     " capacity:", capacity());
+}
+
+template <class Key, class Value>
+[[gnu::noinline, gnu::cold]] void QuillWriter<Key, Value>::freeOnChain(
+    std::uint32_t index, const WalkNames& names) const {
+  raise<CorruptionDetectedException>("QuillWriter::", names.occupied, "() slot: ", index,
+                                     " not marked as occupied");
+}
+
+template <class Key, class Value>
+[[gnu::noinline, gnu::cold]] void QuillWriter<Key, Value>::keyOfOtherBucket(
+    std::uint32_t index, const WalkNames& names) const {
+  raise<CorruptionDetectedException>("QuillWriter::", names.corrupt,
+                                     "() corrupt key detected, slot: ", index);
+}
+
+template <class Key, class Value>
+[[gnu::always_inline]] inline bool QuillWriter<Key, Value>::find(const Key& key,
+                                                                 std::uint32_t bucket,
+                                                                 SlotRef*& curr, Slot<Value>*& next,
+                                                                 std::uint32_t& index) const {
   std::uint32_t steps = 0;
   while ((index = curr->load(Mem::relaxed).value) != kNoSlot) {
-    next = &slotOnChain(index, bucket, steps, kFindNames);
+    next = &slotOnChain(index, steps, kFindNames);
     const Key slotKey = keyAt(*next);
-    if (slotKey < key) {
-      curr = &next->ref;
-    } else {
-      return !(key < slotKey);
-    }
+    if (slotKey == key) return true;
+    requireInBucket(slotKey, index, bucket, kFindNames);
+    if (key < slotKey) return false;
+    curr = &next->ref;
   }
   return false;
 }
 
 template <class Key, class Value>
 std::uint32_t QuillWriter<Key, Value>::allocKeeping(SlotRef*& curr, Slot<Value>*& scratch) {
+  if (slots_.hasFree()) [[likely]]
+    return slots_.alloc();
   const std::uint32_t size = slots_.mem().size();
   const AutoMemMove currGuard(this->debugHandler(), &curr, slots_.headerAddress(), size);
   const AutoMemMove scratchGuard(this->debugHandler(), &scratch, slots_.headerAddress(), size);
@@ -250,14 +265,15 @@ const Value& QuillWriter<Key, Value>::lookup(const Key& key, bool& found) const 
   std::uint32_t steps = 0;
   std::uint32_t index;
   while ((index = link->load(Mem::relaxed).value) != kNoSlot) {
-    const Slot<Value>& slot = slotOnChain(index, bucket, steps, kLookupNames);
+    const Slot<Value>& slot = slotOnChain(index, steps, kLookupNames);
     const Key slotKey = keyAt(slot);
-    if (!(slotKey < key)) {
-      if (key < slotKey) break;
+    if (slotKey == key) {
       requireFiles();
       found = true;
       return *valueIn(slot);
     }
+    requireInBucket(slotKey, index, bucket, kLookupNames);
+    if (key < slotKey) break;
     link = &slot.ref;
   }
   requireFiles();
@@ -302,7 +318,8 @@ bool QuillWriter<Key, Value>::next(const Key& key, Value& value, IterHint& hint)
     if (isOccupied(slot) && keyAt(slot) == key && bucketOf(key) == hint.bucket) {
       const std::uint32_t index = slot.ref.load(Mem::relaxed).value;
       if (index == kNoSlot) return first(hint.bucket + 1, value, hint);
-      static_cast<void>(slotOnChain(index, hint.bucket, steps, kFindNames));
+      const Slot<Value>& after = slotOnChain(index, steps, kFindNames);
+      requireInBucket(keyAt(after), index, hint.bucket, kFindNames);
       handOut(index, value);
       hint.slot = index;
       return true;
@@ -312,8 +329,10 @@ bool QuillWriter<Key, Value>::next(const Key& key, Value& value, IterHint& hint)
   const SlotRef* link = buckets_.getRef(bucket);
   std::uint32_t index;
   while ((index = link->load(Mem::relaxed).value) != kNoSlot) {
-    const Slot<Value>& slot = slotOnChain(index, bucket, steps, kNextNames);
-    if (key < keyAt(slot)) {
+    const Slot<Value>& slot = slotOnChain(index, steps, kNextNames);
+    const Key slotKey = keyAt(slot);
+    requireInBucket(slotKey, index, bucket, kNextNames);
+    if (key < slotKey) {
       handOut(index, value);
       hint = {index, bucket};
       return true;

@@ -91,7 +91,7 @@ class QuillWriter : public QuillBase<Key, Value> {
   // The four files, under `fenix_`. True if one of them belonged to another generation.
   bool attachFiles();
   std::uint32_t bucketOf(const Key& key) const {
-    return static_cast<std::uint32_t>(key.hash()) % buckets_.numBuckets();
+    return buckets_.bucketOf(static_cast<std::uint32_t>(key.hash()));
   }
   Key keyAt(const Slot<Value>& slot) const noexcept;
   bool isOccupied(const Slot<Value>& slot) const noexcept {
@@ -112,9 +112,17 @@ class QuillWriter : public QuillBase<Key, Value> {
   static constexpr WalkNames kFindNames{"find", "find", "find"};
   static constexpr WalkNames kLookupNames{"lookup", "lookup", "lookup"};
   static constexpr WalkNames kNextNames{"next", "lookup", "find"};
-  // One step of a walk: counts it and tests the slot that a link of `bucket` names.
-  Slot<Value>& slotOnChain(std::uint32_t index, std::uint32_t bucket, std::uint32_t& steps,
-                           const WalkNames& names) const;
+  // One step of a walk: counts it and tests the slot that a link names.
+  Slot<Value>& slotOnChain(std::uint32_t index, std::uint32_t& steps, const WalkNames& names) const;
+  // Tests that a key on the chain of `bucket` belongs there. A key that was asked for does.
+  void requireInBucket(const Key& key, std::uint32_t index, std::uint32_t bucket,
+                       const WalkNames& names) const {
+    if (bucketOf(key) != bucket) [[unlikely]]
+      keyOfOtherBucket(index, names);
+  }
+  [[noreturn]] void cycleOnChain(std::uint32_t steps, const WalkNames& names) const;
+  [[noreturn]] void freeOnChain(std::uint32_t index, const WalkNames& names) const;
+  [[noreturn]] void keyOfOtherBucket(std::uint32_t index, const WalkNames& names) const;
   // alloc(), with `curr` and `scratch` kept right if the region moves.
   std::uint32_t allocKeeping(SlotRef*& curr, Slot<Value>*& scratch);
   void storeValue(Slot<Value>& slot, const Value& value) noexcept;

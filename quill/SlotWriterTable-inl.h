@@ -17,7 +17,7 @@ namespace Quill {
 template <class VALUE>
 void SlotWriterTable<VALUE>::Slots::outOfRange(std::uint32_t index) const {
   raise<CorruptionDetectedException>("SlotWriter::Slots::operator[] out-of-range index: ", index,
-                                     " max:", highest_);
+                                     " max:", count_ == 0 ? 0 : count_ - 1);
 }
 
 template <class VALUE>
@@ -104,7 +104,7 @@ template <class VALUE>
 void SlotWriterTable<VALUE>::slotsFromHeader() noexcept {
   numSlots_ = this->header_->numSlots.load(Mem::relaxed).value;
   slots_.base_ = this->header_->slots();
-  slots_.highest_ = numSlots_ == 0 ? 0 : numSlots_ - 1;
+  slots_.count_ = numSlots_;
 }
 
 template <class VALUE>
@@ -127,7 +127,7 @@ std::uint32_t SlotWriterTable<VALUE>::soundSize() const noexcept {
 
 template <class VALUE>
 std::uint32_t SlotWriterTable<VALUE>::alloc() {
-  if (this->header_->freeSlots.load(Mem::relaxed) == kNoSlot && !grow()) {
+  if (!hasFree() && !grow()) [[unlikely]] {
     raise<TableFullException>("SlotWriter::alloc() Quill table full (occupancy:", occupiedSlots(),
                               " tableSize:", maxSlots_, ") ", this->root_->rootPath());
   }
@@ -181,7 +181,7 @@ bool SlotWriterTable<VALUE>::grow() {
   }
   const auto count = static_cast<std::uint32_t>(after);
   slots_.base_ = this->header_->slots();
-  slots_.highest_ = count - 1;
+  slots_.count_ = count;
   for (std::uint32_t i = before; i < count; ++i) Base::freshSlot(slots_[i]);
   const std::uint32_t head = addFreeSlots(before, count);
   // [O7] The new slots are whole and linked before the count that admits them. Pairs with the

@@ -29,9 +29,13 @@ class SlotWriterTable final : public SlotTable<VALUE> {
    public:
     // Raises CorruptionDetectedException for an index that no slot has.
     Slot<VALUE>& operator[](std::uint32_t index) const {
-      if (index > highest_ || base_ == nullptr) [[unlikely]]
+      if (index >= count_) [[unlikely]]
         outOfRange(index);
       return base_[index];
+    }
+    // Brings the beginning of a slot that is about to be changed into the cache. Any index will do.
+    void prefetch(std::uint32_t index) const noexcept {
+      if (index < count_) __builtin_prefetch(&base_[index], 1);
     }
 
    private:
@@ -39,7 +43,7 @@ class SlotWriterTable final : public SlotTable<VALUE> {
     [[noreturn]] void outOfRange(std::uint32_t index) const;
 
     Slot<VALUE>* base_ = nullptr;
-    std::uint32_t highest_ = 0;
+    std::uint32_t count_ = 0;  // 0 while detached
   };
 
   SlotWriterTable(Sable::Platform::DebugHandler& handler, const RootPath& root, bool localMem,
@@ -57,6 +61,8 @@ class SlotWriterTable final : public SlotTable<VALUE> {
   // Takes a slot off the free list, growing first if it is empty; its link and contents stay as
   // they are. Raises Sable::MemoryResourceException, CorruptionDetectedException.
   std::uint32_t alloc();
+  // Whether alloc() can do without growing.
+  bool hasFree() const noexcept { return this->header_->freeSlots.load(Mem::relaxed) != kNoSlot; }
   // Puts a slot that no link leads to on the free list, by which it counts as occupied no more.
   void free(std::uint32_t index);
   // Makes the file larger and fills the free list. Raises Sable::MemoryResourceException; the table

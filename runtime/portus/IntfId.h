@@ -86,10 +86,12 @@ class IntfId {
 
   // Bytewise, first byte first; so all ports of one prefix stand together and eth2 before eth10.
   friend constexpr bool operator==(const IntfId& a, const IntfId& b) noexcept {
-    // One comparison, where that of the arrays is a call.
+    // One comparison, where that of the arrays is a call; the same below.
     return std::bit_cast<std::uint64_t>(a.bytes_) == std::bit_cast<std::uint64_t>(b.bytes_);
   }
-  friend constexpr auto operator<=>(const IntfId&, const IntfId&) noexcept = default;
+  friend constexpr auto operator<=>(const IntfId& a, const IntfId& b) noexcept {
+    return a.value() <=> b.value();
+  }
 
  private:
   Bytes bytes_{};

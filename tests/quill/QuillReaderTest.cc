@@ -6,6 +6,7 @@
 #include <array>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +59,43 @@ TEST_F(QuillReader, AKeyMayLieInTheAnswerOfTheLastLookup) {
   sut.lookup(answer.key, found);
   EXPECT_TRUE(found);
   EXPECT_EQ(answer, hookValue(130, 3));
+}
+
+TEST_F(QuillReader, ManyKeysAtOnceAreAnsweredAsOneByOne) {
+  ASSERT_TRUE(sut.initialize());
+  std::vector<HookKey> keys;
+  for (std::uint32_t key = 100; key < 200; ++key) keys.push_back({key});
+  std::vector<HookValue> values(keys.size());
+  const auto found = std::make_unique<bool[]>(keys.size());
+  unsigned numFound = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    bool one = false;
+    sut.lookup(keys[i], one);
+    numFound += one ? 1 : 0;
+  }
+  ASSERT_GE(numFound, 3U);
+  EXPECT_EQ(
+      sut.lookupMany(keys.data(), static_cast<unsigned>(keys.size()), values.data(), found.get()),
+      numFound);
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    bool one = false;
+    EXPECT_EQ(values[i], sut.lookup(keys[i], one)) << i;
+    EXPECT_EQ(found[i], one) << i;
+  }
+  EXPECT_EQ(sut.lookupMany(nullptr, 0, nullptr, nullptr), 0U);
+}
+
+TEST_F(QuillReader, ManyKeysMeetDamageAndADetachedTableAsOneDoes) {
+  ASSERT_TRUE(sut.initialize());
+  const std::array<HookKey, 2> keys{HookKey{130}, HookKey{110}};
+  std::array<HookValue, 2> values;
+  std::array<bool, 2> found{};
+  table_.slot(1).flags.store(0, Mem::release);
+  EXPECT_THROW(sut.lookupMany(keys.data(), 2, values.data(), found.data()),
+               Quill::CorruptionDetectedException);
+  sut.detach();
+  EXPECT_EQ(sut.lookupMany(keys.data(), 2, values.data(), found.data()), 0U);
+  EXPECT_EQ(values[1], HookValue());
 }
 
 TEST_F(QuillReader, ALinkThatChangesDuringTheReadCostsOneRetryAndGivesTheRightResult) {
