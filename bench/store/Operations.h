@@ -58,6 +58,14 @@ inline void perRecord(benchmark::State& state, std::size_t records) {
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
+template <class Table>
+void perEntry(benchmark::State& state, Table& table, const Keys& keys) {
+  if constexpr (requires { table.bytes(); }) {
+    state.counters["bytes"] =
+        static_cast<double>(table.bytes()) / static_cast<double>(keys.count());
+  }
+}
+
 inline const Keys& keysOf(const benchmark::State& state) {
   return keysOf(static_cast<std::size_t>(state.range(0)));
 }
@@ -107,10 +115,7 @@ void hit(benchmark::State& state) {
     if (sumOfHits(table, keys, visits) != expected) state.SkipWithError("a wrong record");
   }
   perRecord(state, visits);
-  if constexpr (requires { table.bytes(); }) {
-    state.counters["bytes"] =
-        static_cast<double>(table.bytes()) / static_cast<double>(keys.count());
-  }
+  perEntry(state, table, keys);
 }
 
 template <class Table>
@@ -163,6 +168,7 @@ void update(benchmark::State& state) {
     state.SkipWithError("an update was lost");
   }
   perRecord(state, visits);
+  perEntry(state, table, keys);
 }
 
 // Into an empty table that was made for so many; what it allocates and touches for the first time
