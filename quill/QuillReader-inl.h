@@ -164,21 +164,41 @@ template <class KEY, class VALUE>
   raise<CorruptionDetectedException>(text, slot, " not marked as occupied key:", key);
 }
 
+// The walk of find(), as short as it can be while nothing happens to the table: it keeps all in
+// registers and holds no exception's way out. Whatever is out of the ordinary, damage included, is
+// left to the careful one, which begins again.
 template <class KEY, class VALUE>
 const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
-  // A copy: the key may lie in the value that the last operation answered.
-  const KEY own = key;
-  // believed() by hand: what comes after the common path is elsewhere, and takes copies.
-  try {
-    const VALUE& result = find(own, found);
-    if (!unsettled()) [[likely]]
-      return result;
-    found = false;  // not believed: what follows may raise
-    settle();
-  } catch (const CorruptionDetectedException& damage) {
-    afterDamage(damage);
+  const KEY own = key;  // the key may lie in the value that the last operation answered
+  const SlotRef* const head = buckets_.peek(bucketOf(own));
+  if (head == nullptr) [[unlikely]]
+    return lookupAgain(own, found);
+  const auto slots = slots_.slots();
+  bool equal = false;
+  Position at(head);
+  for (std::uint32_t left = slots.reachable(); at.next != kNoSlot; --left) {
+    if (at.next >= slots.reachable() || left == 0) [[unlikely]]
+      return lookupAgain(own, found);
+    const Slot<VALUE>& slot = slots.base()[at.next];
+    if (!slots_.readSettled(slot, scratch_)) [[unlikely]]
+      return lookupAgain(own, found);
+    const KEY stored = keyOf<KEY>(scratch_);
+    const bool last = !(stored < own);
+    const Position next = last ? at : Position(&slot.ref);
+    if (at.changed()) [[unlikely]] {
+      ++counters_.readRetries;
+      return lookupAgain(own, found);
+    }
+    if (last) {
+      equal = !(own < stored);
+      break;
+    }
+    at = next;
   }
-  return lookupAgain(own, found);
+  if (unsettled()) [[unlikely]]
+    return lookupAgain(own, found);
+  found = equal;
+  return equal ? scratch_ : this->emptyValue_;
 }
 
 template <class KEY, class VALUE>

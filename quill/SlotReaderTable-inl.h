@@ -152,6 +152,17 @@ template <class T>
 }
 
 template <class KEY, class VALUE>
+template <class T>
+[[gnu::always_inline]] inline bool SlotReaderTable<KEY, VALUE>::readSettled(const Slot<VALUE>& slot,
+                                                                            T& own) const noexcept {
+  static_assert(std::is_same_v<T, VALUE> || std::is_same_v<T, KEY>);
+  // [O2], [O4] As in read().
+  const std::uint32_t flags = slot.flags.load(Mem::acquire);
+  slot.value.copyOut(&own, sizeof(T));
+  return (flags & (kOccupied | kLookaside)) == kOccupied && slot.flags.load(Mem::relaxed) == flags;
+}
+
+template <class KEY, class VALUE>
 bool SlotReaderTable<KEY, VALUE>::compareValue(std::uint32_t index, const VALUE& value) const {
   VALUE own;
   const bool occupied = (read(slots_[index], own) & kOccupied) != 0;

@@ -49,6 +49,8 @@ class SlotReaderTable final : public SlotTable<VALUE> {
     }
     const Slot<VALUE>* base() const noexcept { return base_; }
     std::uint32_t highest() const noexcept { return highest_; }
+    // Slots that base() may be asked for.
+    std::uint32_t reachable() const noexcept { return reachable_; }
 
    private:
     [[noreturn]] void outOfRange(std::uint32_t index) const;
@@ -93,6 +95,9 @@ class SlotReaderTable final : public SlotTable<VALUE> {
   // T is VALUE or KEY.
   template <class T>
   std::uint32_t read(const Slot<VALUE>& slot, T& own) const noexcept;
+  // One attempt at a slot that is occupied and that nobody is writing. False: `own` is anything.
+  template <class T>
+  bool readSettled(const Slot<VALUE>& slot, T& own) const noexcept;
   // True if the slot is occupied and holds an equal value.
   bool compareValue(std::uint32_t index, const VALUE& value) const;
 
