@@ -159,13 +159,15 @@ void resync(benchmark::State& state) {
   perRecord(state, keys.count());
 }
 
-// Ten times as often with 100 records.
+// Ten times as often with 100 records, once with the most: eight shadows have to follow it all.
 void registerPrepared(const char* name, void (*function)(benchmark::State&), unsigned iterations) {
   for (const std::int64_t size : kSizes) {
     benchmark::RegisterBenchmark(name, function)
         ->Arg(size)
         ->UseManualTime()
-        ->Iterations(size == 100 ? 10 * iterations : iterations);
+        ->Iterations(size == 100         ? 10 * iterations
+                     : size == 1'000'000 ? 1
+                                         : iterations);
   }
 }
 
