@@ -8,7 +8,7 @@
 #include <cstring>
 #include <vector>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

@@ -1,33 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The operations that are timed, the same loops for every contestant, and the registration of those
-// that a contestant has. A contestant has a constructor that takes the number of records, and of
-// these what it can do:
-//
-//   insert(place, key)           a record {key, place, 0, 0}
-//   lookup(place, key)           its address, valid until the next operation, or null
-//   update(place, key, value)    {key, value, value, value} in the place of what is there
-//   remove(place, key)
-//   iterate(visit)               visit(record) for all
-//   lookupMany(keys, count)      the sum of `tx` of those that are there
-//   load(keys)                   all records, not timed, where insert() is slow
-//   bytes()                      of memory for all that it holds now
-//   kVisits                      how many records a pass visits at most, where visits are slow
-//   kWrites                      the same for passes that change
-//   kMaxRecords                  sizes above it are left out
-//
-// Each pass is checked by what it found. Times are real time per record; benchmarks are named
-// <operation>/<contestant>/<records>.
+// The operations that are timed, the same loops for every contestant; Contestant.h says what that
+// is. Each pass is checked by what it found.
 #pragma once
 
 #include <benchmark/benchmark.h>
+#include <time.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
-#include <limits>
 #include <memory>
-#include <string>
 
 #include "bench/store/Records.h"
 
@@ -55,15 +37,6 @@ std::size_t writesOf(const Keys& keys) {
 }
 
 template <class Table>
-std::size_t maxRecordsOf() {
-  if constexpr (requires { Table::kMaxRecords; }) {
-    return Table::kMaxRecords;
-  } else {
-    return std::numeric_limits<std::size_t>::max();
-  }
-}
-
-template <class Table>
 void fill(Table& table, const Keys& keys) {
   for (std::uint32_t place = 0; place < keys.count(); ++place) {
     table.insert(place, keys.byPlace[place]);
@@ -85,17 +58,39 @@ inline void perRecord(benchmark::State& state, std::size_t records) {
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
+template <class Table>
+void perEntry(benchmark::State& state, Table& table, const Keys& keys) {
+  if constexpr (requires { table.bytes(); }) {
+    state.counters["bytes"] =
+        static_cast<double>(table.bytes()) / static_cast<double>(keys.count());
+  }
+}
+
 inline const Keys& keysOf(const benchmark::State& state) {
   return keysOf(static_cast<std::size_t>(state.range(0)));
 }
 
-// Seconds that `work` takes, for benchmarks whose preparations must not count.
+template <class Table>
+constexpr bool waits() {
+  return requires { Table::kWaits; };
+}
+
+inline double secondsNow(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+// Seconds that `work` on so many records takes, for benchmarks whose preparations must not count.
+// The clock of a thread costs a system call, which would show beside little work; that is seldom
+// interrupted, and the real clock does.
 template <class Work>
-double secondsOf(const Work& work) {
-  const auto start = std::chrono::steady_clock::now();
+double secondsOf(std::size_t records, bool real, const Work& work) {
+  const clockid_t clock = real || records < 10'000 ? CLOCK_MONOTONIC : CLOCK_THREAD_CPUTIME_ID;
+  const double start = secondsNow(clock);
   work();
   benchmark::ClobberMemory();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return secondsNow(clock) - start;
 }
 
 template <class Table>
@@ -120,10 +115,7 @@ void hit(benchmark::State& state) {
     if (sumOfHits(table, keys, visits) != expected) state.SkipWithError("a wrong record");
   }
   perRecord(state, visits);
-  if constexpr (requires { table.bytes(); }) {
-    state.counters["bytes"] =
-        static_cast<double>(table.bytes()) / static_cast<double>(keys.count());
-  }
+  perEntry(state, table, keys);
 }
 
 template <class Table>
@@ -176,6 +168,7 @@ void update(benchmark::State& state) {
     state.SkipWithError("an update was lost");
   }
   perRecord(state, visits);
+  perEntry(state, table, keys);
 }
 
 // Into an empty table that was made for so many; what it allocates and touches for the first time
@@ -186,7 +179,7 @@ void insert(benchmark::State& state) {
   const std::size_t visits = writesOf<Table>(keys);
   for (auto _ : state) {
     auto table = std::make_unique<Table>(keys.count());
-    state.SetIterationTime(secondsOf([&] {
+    state.SetIterationTime(secondsOf(visits, waits<Table>(), [&] {
       for (std::uint32_t place = 0; place < visits; ++place) {
         table->insert(place, keys.byPlace[place]);
       }
@@ -207,7 +200,7 @@ void reinsert(benchmark::State& state) {
   load(table, keys);
   for (auto _ : state) {
     for (std::size_t i = 0; i < visits; ++i) table.remove(keys.place[i], keys.present[i]);
-    state.SetIterationTime(secondsOf([&] {
+    state.SetIterationTime(secondsOf(visits, waits<Table>(), [&] {
       for (std::size_t i = 0; i < visits; ++i) table.insert(keys.place[i], keys.present[i]);
     }));
   }
@@ -224,7 +217,7 @@ void remove(benchmark::State& state) {
   Table table(keys.count());
   load(table, keys);
   for (auto _ : state) {
-    state.SetIterationTime(secondsOf([&] {
+    state.SetIterationTime(secondsOf(visits, waits<Table>(), [&] {
       for (std::size_t i = 0; i < visits; ++i) table.remove(keys.place[i], keys.present[i]);
     }));
     for (std::size_t i = 0; i < visits; ++i) {
@@ -254,47 +247,6 @@ void iterate(benchmark::State& state) {
     if (seen != keys.count() || sum != expected) state.SkipWithError("not every record was met");
   }
   perRecord(state, keys.count());
-}
-
-inline constexpr std::int64_t kSizes[] = {100, 65'536, 1'000'000};
-
-// `iterations` per size for those that have preparations, which Benchmark's own choice would have
-// repeated for minutes.
-template <class Function>
-void registerSizes(const std::string& name, Function function, std::size_t maxRecords,
-                   bool prepared = false) {
-  for (const std::int64_t size : kSizes) {
-    if (static_cast<std::size_t>(size) > maxRecords) continue;
-    auto* const made = benchmark::RegisterBenchmark(name.c_str(), function);
-    made->Arg(size);
-    if (prepared) {
-      made->UseManualTime()->Iterations(size < 1'000 ? 100 : size < 100'000 ? 3 : 1);
-    } else {
-      made->UseRealTime();
-    }
-  }
-}
-
-template <class Table>
-bool registerTable(const std::string& name) {
-  const std::size_t most = maxRecordsOf<Table>();
-  registerSizes("hit/" + name, hit<Table>, most);
-  if constexpr (!requires { Table::kByPlace; }) registerSizes("miss/" + name, miss<Table>, most);
-  if constexpr (requires(const Table& table, const IntfId* keys) { table.lookupMany(keys, 1U); }) {
-    registerSizes("bulk/" + name, bulk<Table>, most);
-  }
-  if constexpr (requires(Table & table, const IntfId& key) { table.update(0U, key, 0U); }) {
-    registerSizes("update/" + name, update<Table>, most);
-  }
-  if constexpr (requires(Table & table, const IntfId& key) { table.remove(0U, key); }) {
-    registerSizes("insert/" + name, insert<Table>, most, true);
-    registerSizes("reinsert/" + name, reinsert<Table>, most, true);
-    registerSizes("remove/" + name, remove<Table>, most, true);
-  }
-  if constexpr (requires(Table & table) { table.iterate([](const Record&) {}); }) {
-    registerSizes("iterate/" + name, iterate<Table>, most);
-  }
-  return true;
 }
 
 }  // namespace StoreBench

@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

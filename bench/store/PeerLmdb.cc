@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <string>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

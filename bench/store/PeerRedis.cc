@@ -6,6 +6,7 @@
 // takes two wake-ups, and has no table of a million.
 #include <hiredis/hiredis.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +19,7 @@
 #include <string>
 #include <thread>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {
@@ -33,6 +34,7 @@ class Server {
   Server() : pid_(fork()) {
     if (pid_ < 0) fail("no process");
     if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // also where this process is killed
       const std::string directory = tableRoot();
       execl(REDIS_SERVER, "redis-server", "--port", "0", "--unixsocket", socket_.c_str(), "--save",
             "", "--appendonly", "no", "--logfile", "/dev/null", "--dir", directory.c_str(),
@@ -68,6 +70,7 @@ class RedisTable {
  public:
   static constexpr std::size_t kVisits = 1'000;
   static constexpr std::size_t kMaxRecords = 65'536;
+  static constexpr bool kWaits = true;
 
   explicit RedisTable(std::size_t) {
     static const Server server;

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

@@ -11,7 +11,7 @@
 #include <bit>
 #include <vector>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 
 namespace StoreBench {
 namespace {

@@ -27,7 +27,7 @@
 namespace StoreBench {
 
 inline constexpr unsigned kMaxHelpers = 8;
-inline constexpr std::chrono::seconds kLimit{60};
+inline constexpr std::chrono::seconds kLimit{300};
 
 // Zero at the beginning. Sequentially consistent throughout: nothing here is timed but `stamp`,
 // and of that the time at which it was taken.

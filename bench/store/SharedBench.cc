@@ -15,12 +15,8 @@
 #include <string>
 #include <vector>
 
-#if defined(__x86_64__) || defined(__i386__)
-#include <x86intrin.h>
-#endif
-
 #include "bench/store/Arrays.h"
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 #include "bench/store/QuillTable.h"
 #include "bench/store/Shared.h"
 
@@ -89,9 +85,9 @@ void hitBeside(benchmark::State& state) {
 // A counter that ticks at a constant rate and is read after what stands before it has been done.
 std::uint64_t ticks() {
 #if defined(__x86_64__) || defined(__i386__)
-  _mm_lfence();
-  const std::uint64_t now = __rdtsc();
-  _mm_lfence();
+  __builtin_ia32_lfence();
+  const std::uint64_t now = __builtin_ia32_rdtsc();
+  __builtin_ia32_lfence();
   return now;
 #else
   return nanoseconds();

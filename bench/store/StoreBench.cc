@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// The table store beside what else keeps records under keys: the operations of Operations.h on the
+// The table store beside what else keeps records under keys: the operations of Contestant.h on the
 // store, on the limits of Arrays.h, on std::unordered_map, and on the libraries of the files
 // Peer*.cc, as far as they are installed. One process, one thread; SharedBench.cc has what needs
 // several. scripts/bench-store runs both and prints the table of ratios.
@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include "bench/store/Arrays.h"
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 #include "bench/store/QuillTable.h"
 
 namespace StoreBench {

@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "bench/store/Operations.h"
+#include "bench/store/Contestant.h"
 #include "bench/store/Shared.h"
 
 namespace StoreBench {
