@@ -3,9 +3,10 @@
 # Front door of the build. The rules themselves are in CMakeLists.txt and scripts/.
 
 FUZZ_SECONDS ?= 60
+MINUTES ?= 60
 export FUZZ_SECONDS
 
-.PHONY: help demo check check-all lab bench format clean
+.PHONY: help demo check check-all prove lab bench bench-store coverage format clean
 
 help:
 	@echo 'make demo       build the daemon and show it find and break a forwarding loop'
@@ -14,11 +15,14 @@ help:
 	@echo '                clang-tidy, benchmarks as tests, short fuzz runs (FUZZ_SECONDS=$(FUZZ_SECONDS) each)'
 	@echo 'make lab        only the tests on real network namespaces, and with them the long ones and those'
 	@echo '                with Open vSwitch; LAB_REPEAT=20 repeats the scenarios and sums their figures up'
-	@echo 'make bench      build and run the benchmarks'
+	@echo 'make prove      the long proofs of the table store, in MINUTES=$(MINUTES): every kill point, its model,'
+	@echo '                weakened orders, hostile files, faults, deaths, checked reads'
+	@echo 'make bench      build and run the benchmarks; bench-store: the table store beside its peers'
+	@echo 'make coverage   lines and branches of the table store that its tests reach'
 	@echo 'make format     format every source file in place'
 	@echo 'make clean      remove build/'
 	@echo
-	@echo 'demo, check, check-all, lab and bench install missing Debian packages first (scripts/setup).'
+	@echo 'All but help, clean install missing Debian packages first (scripts/setup).'
 
 demo:
 	@scripts/setup demo
@@ -36,9 +40,21 @@ lab:
 	@scripts/setup lab
 	@scripts/run-lab
 
+prove:
+	@scripts/setup prove
+	@scripts/prove $(MINUTES)
+
 bench:
 	@scripts/setup bench
 	@scripts/run-bench
+
+bench-store:
+	@scripts/setup bench
+	@scripts/bench-store
+
+coverage:
+	@scripts/setup coverage
+	@scripts/coverage
 
 format:
 	@scripts/setup format

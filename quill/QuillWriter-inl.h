@@ -100,8 +100,14 @@ std::uint32_t QuillWriter<Key, Value>::allocKeeping(SlotRef*& curr, Slot<Value>*
 }
 
 template <class Key, class Value>
-void QuillWriter<Key, Value>::storeValue(Slot<Value>& slot, const Value& value) noexcept {
+std::uint32_t QuillWriter<Key, Value>::flagsToChange(const Slot<Value>& slot) noexcept {
   const std::uint32_t flags = slot.flags.load(Mem::relaxed);
+  return (flags & kOccupied) != 0 ? flags : flags & ~kLookaside;
+}
+
+template <class Key, class Value>
+void QuillWriter<Key, Value>::storeValue(Slot<Value>& slot, const Value& value) noexcept {
+  const std::uint32_t flags = flagsToChange(slot);
   if ((flags & kOccupied) != 0) {
     // [O2] The whole value in `lookaside` before LOOKASIDE sends readers there; each word a release
     // after the last flags store, so that a reader that copied a mixed value sees flags that moved
@@ -207,7 +213,7 @@ void QuillWriter<Key, Value>::directCommit() {
     slot.ref.store(slot.ref.load(Mem::relaxed).next(before.value), Mem::release);
   }
   ++counters_.directCommits;
-  const std::uint32_t flags = slot.flags.load(Mem::relaxed);
+  const std::uint32_t flags = flagsToChange(slot);
   if ((flags & kOccupied) != 0) {
     // [O2] and [O3], as in storeValue(); the caller has filled in `lookaside`.
     slot.flags.store(flags + 2, Mem::release);

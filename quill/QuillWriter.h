@@ -125,6 +125,9 @@ class QuillWriter : public QuillBase<Key, Value> {
   [[noreturn]] void keyOfOtherBucket(std::uint32_t index, const WalkNames& names) const;
   // alloc(), with `curr` and `scratch` kept right if the region moves.
   std::uint32_t allocKeeping(SlotRef*& curr, Slot<Value>*& scratch);
+  // The flags that a change begins with. No writer leaves LOOKASIDE on a free slot; if somebody
+  // else did, it would be set, and readers sent to `lookaside`, for as long as the slot is in use.
+  static std::uint32_t flagsToChange(const Slot<Value>& slot) noexcept;
   void storeValue(Slot<Value>& slot, const Value& value) noexcept;
   // What an iteration gives out.
   void handOut(std::uint32_t slot, Value& value) const;

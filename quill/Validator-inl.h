@@ -157,9 +157,7 @@ bool Validator<Key, Value>::walkFreeSlots() {
                      " with wrong conquer slot:", pos);
       }
     }
-    // LOOKASIDE too: the next use of the slot would begin with the bit up, clear it while it stores
-    // and leave it set, so that readers take the value of whatever was stored elsewhere since.
-    if ((slot.flags.load(Mem::relaxed) & (kOccupied | kLookaside)) != 0) {
+    if ((slot.flags.load(Mem::relaxed) & kOccupied) != 0) {
       return wrong("Validator::walkFreeSlots() corrupted free slot not marked as empty: ", index);
     }
     index = slot.ref.load(Mem::relaxed).value;
