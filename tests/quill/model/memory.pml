@@ -16,6 +16,16 @@
  *
  * Before the inclusion: PLACES, the number of places, and MESSAGES, the most messages there can be.
  */
+/* What is asserted: a violation tells the property by its number. */
+#define TORN 1
+#define ORDER 2
+#define STAYS 3
+#define DAMAGE 4
+#define ENDS 5
+#define NEWS 6
+#define TOLD 7
+#define HOLDS(property, condition) assert((condition) || property == 0)
+
 #define RELAXED 0
 #define RELEASE 1
 #define ACQUIRE 1

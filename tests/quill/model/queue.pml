@@ -364,7 +364,7 @@ inline findPosition() {
         fi
      fi;
      r_newest = 0;
-     passes++; assert(passes < MESSAGES)                                              /* [ends] */
+     passes++; HOLDS(ENDS, passes < MESSAGES)
   od;
   r_count = 0; r_newest = 0; r_word = 0; isSwapped = false
 }
@@ -372,15 +372,15 @@ inline findPosition() {
 /* ConquerReader-inl.h doResize(), called because something was damaged: */
 inline doResize() {
   LOAD(NOTIFICATIONS(table), RELAXED, r_word);
-  assert(r_word / 8 != mappedVersion[table]);                                         /* [damage] */
+  HOLDS(DAMAGE, r_word / 8 != mappedVersion[table]);
   LOAD(NOTIFICATIONS(table), L_ROOM, r_word);
   LOAD(FILE_SIZE(table), RELAXED, r_high);
-  assert(r_high >= (r_word & 7));                                                     /* [damage] */
+  HOLDS(DAMAGE, r_high >= (r_word & 7));
   mappedVersion[table] = r_word / 8;
   capacity[table] = r_word & 7;
   forgetPosition();
   bad = false;
-  passes++; assert(passes < MESSAGES);                                                /* [ends] */
+  passes++; HOLDS(ENDS, passes < MESSAGES);
   r_word = 0; r_high = 0
 }
 
@@ -443,11 +443,11 @@ inline doConquer() {
         LOAD(ENTRY(table, pos), L_ENTRY, r_slot);
         swapped();
         if :: isSwapped -> go = true; break :: else fi;
-        assert(r_midSeq > lastSeq);                                                   /* [damage] */
+        HOLDS(DAMAGE, r_midSeq > lastSeq);
         if
         :: r_slot != NONE ->
            doSlot(r_slot);
-           assert(shadow[r_slot] >= r_midSeq);                                        /* [news] */
+           HOLDS(NEWS, shadow[r_slot] >= r_midSeq);
            lastConsumed = r_midSeq;
            lastSeq = r_midSeq;
            pos++;
@@ -462,7 +462,7 @@ inline doConquer() {
         swapped();
         if
         :: isSwapped -> go = true
-        :: else -> assert(pos <= r_count)                                             /* [damage] */
+        :: else -> HOLDS(DAMAGE, pos <= r_count)
         fi;
         break
      od
@@ -533,7 +533,7 @@ active proctype queue() {
      if
      :: !bad && doing == FOLLOWS ->
         doConquer();
-        passes++; assert(passes < MESSAGES);                                          /* [ends] */
+        passes++; HOLDS(ENDS, passes < MESSAGES);
         if
         :: doing == FOLLOWS && !bad ->
            /* conquer() may yield after any entry, and reports. */
@@ -556,7 +556,7 @@ active proctype queue() {
   r_i = 0;
   do
   :: r_i < SLOTS ->
-     assert(shadow[r_i] == CUR(VALUE(r_i)) || hole[r_i]);                             /* [told] */
+     HOLDS(TOLD, shadow[r_i] == CUR(VALUE(r_i)) || hole[r_i]);
      r_i++
   :: else -> break
   od

@@ -67,7 +67,7 @@
 #define S_BLANK RELEASE     /* quill/QuillWriter-inl.h directWrite: target.copyIn(&fresh) */
 #endif
 #ifndef S_FILL
-#define S_FILL RELEASE      /* quill/QuillWriter.h directWrite: Mem::Atomics::copyIn */
+#define S_FILL RELEASE      /* quill/QuillBase.h DirectTarget: Mem::Atomics::copyIn() */
 #endif
 #ifndef S_DREF
 #define S_DREF RELEASE      /* quill/QuillWriter-inl.h directCommit: slot.ref.store( */
@@ -336,7 +336,7 @@ inline readSlot(s, whole) {
         LOAD(FLAGS(s), RELAXED, r_again);
         if
         :: r_again == r_flags -> r_again = 0; break
-        :: else -> passes++; assert(passes < MESSAGES)                                /* [ends] */
+        :: else -> passes++; HOLDS(ENDS, passes < MESSAGES)
         fi
      od
   fi
@@ -381,7 +381,7 @@ inline walk(b, from) {
         r_word = r_nextWord
      od;
      if
-     :: again -> passes++; assert(passes < MESSAGES)                                  /* [ends] */
+     :: again -> passes++; HOLDS(ENDS, passes < MESSAGES)
      :: else -> break
      fi
   od;
@@ -394,7 +394,7 @@ inline settle() {
   if
   :: SAME(r_again, held) ->
      again = false;
-     assert(ok)                                                                       /* [damage] */
+     HOLDS(DAMAGE, ok)
   :: else ->
      do
      :: LOAD(NUM, L_NUM, r_word);
@@ -402,11 +402,11 @@ inline settle() {
         if :: SAME(r_again, r_word) -> break :: else fi
      od;
      LOAD(FILE_SIZE, RELAXED, r_again);
-     assert(r_again >= NEXT(r_word) && NEXT(r_word) >= mapped);                       /* [damage] */
+     HOLDS(DAMAGE, r_again >= NEXT(r_word) && NEXT(r_word) >= mapped);
      held = r_word;
      mapped = NEXT(r_word);
      again = true;
-     passes++; assert(passes < MESSAGES)                                              /* [ends] */
+     passes++; HOLDS(ENDS, passes < MESSAGES)
   fi;
   r_again = 0; r_word = 0
 }
@@ -418,7 +418,7 @@ inline believe(k) {
     :: oldest <= OPS && contents[oldest * KEYS + k] != a_stamp -> oldest++
     :: else -> break
     od;
-    assert(oldest <= OPS);                                                            /* [order] */
+    HOLDS(ORDER, oldest <= OPS);
     a_stamp = 0
   }
 }
@@ -433,7 +433,7 @@ inline lookup(k) {
   again = false; passes = 0;
   if
   :: r_slot != NONE && KEY(r_w0) == k ->
-     assert(r_w0 == r_w1);                                                            /* [torn] */
+     HOLDS(TORN, r_w0 == r_w1);
      a_stamp = r_w0 & 15
   :: else -> a_stamp = 0
   fi;
@@ -445,7 +445,7 @@ inline lookup(k) {
 byte met;
 inline meet() {
   d_step {
-    assert(r_w0 == r_w1);                                                             /* [torn] */
+    HOLDS(TORN, r_w0 == r_w1);
     w_found = false;
     r_i = oldest;
     do
@@ -454,7 +454,7 @@ inline meet() {
        if :: contents[r_i * KEYS + KEY(r_w0)] == (r_w0 & 15) -> w_found = true :: else fi;
        r_i++
     od;
-    assert(w_found);                                                                  /* [order] */
+    HOLDS(ORDER, w_found);
     w_found = false; r_i = 0;
     met = met | (1 << KEY(r_w0))
   }
@@ -476,7 +476,7 @@ inline doFirst(b) {
         if :: !ok -> break :: else fi;
         lookAgain();
         if
-        :: again -> again = false; passes++; assert(passes < MESSAGES)                /* [ends] */
+        :: again -> again = false; passes++; HOLDS(ENDS, passes < MESSAGES)
         :: else ->
            ok = (r_flags & OCCUPIED) && BUCKET(KEY(r_w0)) == b;
            break
@@ -572,7 +572,7 @@ inline iterate() {
        :: r_i > OPS -> break
        :: else -> if :: contents[r_i * KEYS + key] == 0 -> w_found = false :: else fi; r_i++
        od;
-       assert(!w_found || (met & (1 << key)));                                        /* [stays] */
+       HOLDS(STAYS, !w_found || (met & (1 << key)));
        key++
     :: else -> break
     od
