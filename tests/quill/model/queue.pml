@@ -88,7 +88,7 @@
 #define L_SWITCH ACQUIRE    /* quill/ConquerTable.cc getTable: headers_[primary]->currentTable.load(Mem::acquire) */
 #endif
 #ifndef L_MIN
-#define L_MIN ACQUIRE       /* quill/ConquerReader-inl.h noteMissed: headers_[primary]->minSeq.load(Mem::acquire) */
+#define L_MIN ACQUIRE       /* quill/ConquerReader-inl.h findPosition: headers_[primary]->minSeq.load(Mem::acquire) */
 #endif
 #ifndef L_ACK
 #define L_ACK ACQUIRE       /* quill/ConquerReader-inl.h handleAck: headers_[primary]->minSeq.load(Mem::acquire) */
@@ -268,7 +268,7 @@ byte mappedVersion[2] = 31;
 byte lastSeq, passed, lastConsumed, pos, sent = NOTHING;
 byte latest, shadow[SLOTS];
 bool missed, bad, go, known, isSwapped, acked, finished;
-byte r_word, r_high, r_count, r_low_, r_high_, r_lowSeq, r_highSeq, r_mid, r_midSeq, r_newest, r_slot, r_i;
+byte r_word, r_high, r_count, r_low_, r_high_, r_lowSeq, r_highSeq, r_mid, r_midSeq, r_newest, r_min, r_slot, r_i;
 byte passes;
 #define RESTS 0
 #define ATTACHES 1
@@ -348,25 +348,31 @@ inline findPosition() {
         if :: !isSwapped -> known = false; break :: else fi
      :: else ->
         search(r_count);
-        if :: !bad -> sequenceOf(r_count - 1, r_newest) :: else fi;
+        if
+        :: !bad ->
+#ifdef SWAP_NEWEST
+           sequenceOf(r_count - 1, r_newest);
+           LOAD(MIN_SEQ, L_MIN, r_min)
+#else
+           LOAD(MIN_SEQ, L_MIN, r_min);
+           LOAD(POS(table), L_POS, r_count);
+           if :: r_count != 0 -> sequenceOf(r_count - 1, r_newest) :: else fi
+#endif
+        :: else
+        fi;
         swapped();
         if
         :: !isSwapped ->
-           if
-           :: !bad ->
-              LOAD(MIN_SEQ, L_MIN, r_word);
-              missed = missed || (r_word > lastSeq && r_word > passed && r_word <= r_newest);
-              known = true
-           :: else
-           fi;
+           missed = missed || (!bad && r_min > lastSeq && r_min > passed && r_min <= r_newest);
+           known = true;
            break
         :: else -> bad = false
         fi
      fi;
-     r_newest = 0;
+     r_newest = 0; r_min = 0;
      passes++; HOLDS(ENDS, passes < MESSAGES)
   od;
-  r_count = 0; r_newest = 0; r_word = 0; isSwapped = false
+  r_count = 0; r_newest = 0; r_min = 0; r_word = 0; isSwapped = false
 }
 
 /* ConquerReader-inl.h doResize(), called because something was damaged: */

@@ -175,8 +175,10 @@ class WeakMemory {
     std::size_t oldest = all.size() - 1;
     while (oldest > 0 && all[oldest].moment > seen_ && all[oldest].moment > place.floor) --oldest;
     std::size_t taken = all.size() - 1;
-    // Half of the loads answer the newest store, so that runs get somewhere.
-    if (oldest != taken && random_() % 2 == 0) {
+    // The extremes are the likeliest to show something.
+    if (const auto chance = random_() % 4; chance == 0) {
+      taken = oldest;
+    } else if (chance == 1) {
       taken = oldest + static_cast<std::size_t>(random_()) % (taken - oldest + 1);
     }
     if (taken != all.size() - 1) ++oldAnswers_;
@@ -204,8 +206,8 @@ T weakLoad(const T* address, int order) {
 }
 template <class T>
 void weakLoadTo(const T* address, T* result, int order) {
-  std::uint64_t word = WeakMemory::instance().load(
-      reinterpret_cast<const std::uint64_t*>(address), order);
+  std::uint64_t word =
+      WeakMemory::instance().load(reinterpret_cast<const std::uint64_t*>(address), order);
   static_assert(sizeof(T) == sizeof word);
   std::memcpy(static_cast<void*>(result), &word, sizeof word);
 }

@@ -1,13 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Orders that are variables: scripts/check-orders puts one in the place of each order that the store's code
-// names, each with a number. The one whose number stands in the environment, in QUILL_WEAK, is
-// relaxed; all others are what they were.
+// Orders that are variables: scripts/check-orders puts one in the place of each order that the
+// store's code names, each with a number. The one whose number stands in the environment, in
+// QUILL_WEAK, is relaxed; all others are what they were.
 #pragma once
 
 #include <cstdlib>
 
 namespace Mem {
+
+// Two slots of the program's records and a header; six entries of a queue and a header.
+inline constexpr unsigned kSmallPage = 296;
 
 inline int loweredOrder() {
   static const int number = [] {
