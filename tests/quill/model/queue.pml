@@ -126,7 +126,7 @@ byte reported = NOTHING;    /* lowestSequence() */
 byte w_t, w_o, w_pos, w_to, w_min, w_cut, w_lo, w_hi, w_mid, w_loSeq, w_hiSeq, w_midSeq, w_moved;
 byte slot, w_low;
 
-#define SEQ(t, i) (CUR(HIGH(t, i)) * 2 + CUR(LOW(t, i)))
+#define SEQ(t, i) (CUR(HIGH(t, i)) * 4 + CUR(LOW(t, i)))
 
 /* ConquerWriter-inl.h cut() */
 inline cut(t, count, minSeq) {
@@ -157,8 +157,8 @@ inline cut(t, count, minSeq) {
 }
 
 inline sequenceIs(t, i, seq) {
-  STORE(LOW(t, i), (seq) & 1, S_LOW);
-  STORE(HIGH(t, i), (seq) / 2, S_HIGH)
+  STORE(LOW(t, i), (seq) & 3, S_LOW);
+  STORE(HIGH(t, i), (seq) / 4, S_HIGH)
 }
 
 inline storeSwitch() {
@@ -292,7 +292,7 @@ inline sequenceOf(i, out) {
   :: else ->
      LOAD(HIGH(table, i), L_HIGH, r_high);
      LOAD(LOW(table, i), L_LOW, out);
-     out = out + r_high * 2;
+     out = out + r_high * 4;
      r_high = 0
   fi
 }

@@ -25,6 +25,7 @@
 #include <map>
 #include <random>
 #include <stdexcept>
+#include <type_traits>
 #include <unordered_map>
 
 namespace QuillTest {

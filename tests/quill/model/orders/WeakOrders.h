@@ -9,7 +9,7 @@
 
 namespace Mem {
 
-// Two slots of the program's records and a header; six entries of a queue and a header.
+// Two slots of the program's records and a header; a queue's header and 20 entries.
 inline constexpr unsigned kSmallPage = 296;
 
 inline int loweredOrder() {
