@@ -206,9 +206,14 @@ bool ConquerReader<KEY, VALUE, MAP>::findPosition() {
         continue;
       }
       const bool exact = search(count);
-      const std::uint64_t newest = Detail::sequenceOf(notifications()[count - 1]);
+      // Acquire: behind that of currentTable it is at least as new as the switch [O9], and what is
+      // loaded after it holds all entries up to it. The newest one first would not do: between the
+      // two the writer can append, and raise minSeq above what was the newest.
+      const std::uint64_t minSeq = headers_[primary]->minSeq.load(Mem::acquire);
+      const std::uint32_t last = used();
+      const std::uint64_t newest = last == 0 ? 0 : Detail::sequenceOf(notifications()[last - 1]);
       if (!swapped()) {
-        noteMissed(newest);
+        noteMissed(minSeq, newest);
         trace(8, [&](std::ostream& os) {
           os << "ConquerReader::findPosition() " << (exact ? "mid" : "low")
              << " pos:" << currentPos_ << " sequence:" << lastSeq_;
@@ -224,10 +229,9 @@ bool ConquerReader<KEY, VALUE, MAP>::findPosition() {
 }
 
 template <class KEY, class VALUE, class MAP>
-void ConquerReader<KEY, VALUE, MAP>::noteMissed(std::uint64_t newest) noexcept {
-  // Acquire, of currentTable too, behind which minSeq is at least as new as the switch [O9]. A
-  // minSeq above all sequences is none that a writer stores, and would never be reached.
-  const std::uint64_t minSeq = headers_[primary]->minSeq.load(Mem::acquire);
+void ConquerReader<KEY, VALUE, MAP>::noteMissed(std::uint64_t minSeq,
+                                                std::uint64_t newest) noexcept {
+  // A minSeq above all sequences is none that a writer stores, and would never be reached.
   if (minSeq > std::max(lastSeq_, passed_) && minSeq <= newest) missed_ = true;
 }
 

@@ -83,10 +83,10 @@ class ConquerReader : public Conquer, public ReaderKickSm {
   void forgetPosition() noexcept { --currentTable_.version; }
   // Sets currentPos_ in a table of `count` entries. True: behind the entry lastSeq_ itself.
   bool search(std::uint32_t count);
-  // Looks whether entries were pruned that this reader has not passed. `newest` is the sequence of
-  // the newest one. The writer prunes nothing that a connected reader needs, but until it has taken
-  // a reader's first report into account it does not know of that reader.
-  void noteMissed(std::uint64_t newest) noexcept;
+  // Notes whether entries were pruned that this reader has not passed. `newest` is the sequence of
+  // the newest one, loaded after `minSeq`. The writer prunes nothing that a connected reader needs,
+  // but until it has taken a reader's first report into account it does not know of that reader.
+  void noteMissed(std::uint64_t minSeq, std::uint64_t newest) noexcept;
   // Entries in use in the current table.
   std::uint32_t used() const noexcept;
   const ConquerNotifications& notifications() const noexcept {

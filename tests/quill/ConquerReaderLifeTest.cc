@@ -110,6 +110,22 @@ TEST_F(ConquerReader, AWriterThatPrunedPastTheReaderMakesItSynchronise) {
   EXPECT_TRUE(traces.has("ConquerReader::handleAck() minSeq:10 seq:9\n"));
 }
 
+// Where the newest entry was looked up before minSeq, a writer that appended and began to compact
+// in between pruned unnoticed.
+TEST_F(ConquerReader, WhatIsPrunedWhileTheReaderLooksForItsPlaceIsMissed) {
+  queue_.grow(0, 1000);
+  fill(0, 800);
+  attach();
+  EXPECT_TRUE(sut.doResize());
+  TouchHook hook(queue_.file(0), 8192, [&] {
+    queue_.append(0, 8010, 5);
+    queue_.header(0).minSeq.store(8010, Mem::release);
+  });
+  EXPECT_FALSE(take());
+  EXPECT_TRUE(hook.touched());
+  EXPECT_EQ(shadow_.resyncs_, 1U);
+}
+
 TEST_F(ConquerReader, AWriterThatPrunedNothingUnseenLetsTheReaderFollow) {
   fill(0, 5);
   ASSERT_TRUE(sut.initialize());
