@@ -57,7 +57,9 @@ std::string anyText(Input& input) {
   const Fuzz::Bytes bytes = input.take(input.byte() % 40U);
   std::string text(bytes.begin(), bytes.end());
   std::replace(text.begin(), text.end(), '/', '_');
-  std::replace(text.begin(), text.end(), '\0', '_');
+  // The command line's own bytes are given back in its errors as they came.
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; }, '_');
   return text;
 }
 

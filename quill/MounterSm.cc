@@ -78,6 +78,8 @@ class MounterSm::Watcher final : private Vex::ReadableHandler,
   using Changes = std::bitset<kNames.size()>;
 
   void onReadable() override;
+  // Events cannot be read: for a while nobody asks, lest the loop turns for nothing.
+  void deafIs(int error);
   // Another attempt to set the watches.
   void timeout() override;
 
@@ -95,6 +97,7 @@ class MounterSm::Watcher final : private Vex::ReadableHandler,
     Changes changes;
     bool directories = false;  // something happened to a directory: look anew
     bool lost = false;         // the kernel had no room for all events
+    int error = 0;             // nothing can be read
   };
   News read();
   void take(const inotify_event& event, std::string_view name, News& news) const;
@@ -110,6 +113,7 @@ class MounterSm::Watcher final : private Vex::ReadableHandler,
   std::unique_ptr<Sable::Platform::TimerControl> timer_;
   int tableWatch_ = -1;
   int aboveWatch_ = -1;
+  bool deaf_ = false;
   std::string awaited_;  // the name in the directory above that leads to the table
   // Expires with this object.
   std::shared_ptr<const char> life_ = std::make_shared<const char>();
@@ -208,6 +212,7 @@ MounterSm::Watcher::News MounterSm::Watcher::read() {
   alignas(inotify_event) std::array<char, kBufferSize> buffer{};
   const ssize_t size = ::read(inotify_.get(), buffer.data(), buffer.size());
   News news;
+  if (size < 0 && errno != EAGAIN && errno != EINTR) news.error = errno;
   for (std::size_t at = 0; size > 0 && at < static_cast<std::size_t>(size);) {
     inotify_event event{};
     std::memcpy(&event, buffer.data() + at, sizeof event);
@@ -238,11 +243,26 @@ void MounterSm::Watcher::take(const inotify_event& event, std::string_view name,
 
 void MounterSm::Watcher::onReadable() {
   const News news = read();
+  if (news.error != 0) return deafIs(news.error);
   const bool moved = (news.directories || news.lost) && look();
   tell(moved || news.lost, news.changes);
 }
 
+void MounterSm::Watcher::deafIs(int error) {
+  manager_->readableDel(inotify_.get());
+  deaf_ = true;
+  timer_->arm(kRetryTime);
+  const Vex::CurrentActivityManager current(*manager_);
+  Vex::log(QUILL_WATCH_FAILED, path_, std::strerror(error));
+}
+
 void MounterSm::Watcher::timeout() {
+  if (deaf_) {
+    timer_->arm(kRetryTime);  // should it fail
+    manager_->readableIs(inotify_.get(), *this);
+    timer_->cancel();
+    deaf_ = false;
+  }
   static_cast<void>(look());
   tell(true, {});  // whatever happened while nobody watched
 }

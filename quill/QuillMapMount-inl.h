@@ -236,6 +236,8 @@ void QuillMap<KEY, VALUE, NOTIFY>::corruptionDetected(const std::string& message
   const std::string text = textOf("QuillMap::corruptionDetected() ", root, " ", message);
   trace(7, [&](std::ostream& os) { os << text; });
   if (mode_ == QuillType::writer) raise<CorruptionDetectedException>(text);
+  // First: without memory for the timer everything stays as it is, and the next read comes here.
+  if (readerMounter_ != nullptr && notifying_) readerMounter_->armRemount();
   unmount();
   if (isLocal_) return;  // no directory, nobody to tell
   Util::writeCorruptionFile(*debugHandler_, root, message);

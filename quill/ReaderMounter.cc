@@ -80,6 +80,10 @@ void ReaderMounter::handleMounted() {
     }
     return;
   }
+  armRemount();
+}
+
+void ReaderMounter::armRemount() {
   if (remountTimer_ == nullptr) {
     if (Vex::currentActivityManager() == nullptr) return;
     remountTimer_ = Sable::Platform::getTimerControl(*this);

@@ -43,6 +43,8 @@ class ReaderMounter final : public MounterBase, private Sable::Platform::Timeout
   void onEvent(const std::string& eventName);
   // The handle's mounting has changed: stops the timer if it is fully mounted, else arms it.
   void handleMounted();
+  // The timer runs from now on, whatever is mounted.
+  void armRemount();
 
   // The next try is due.
   bool remountArmed() const noexcept { return remountTimer_ != nullptr && remountTimer_->armed(); }
