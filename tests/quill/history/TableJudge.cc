@@ -80,7 +80,7 @@ class Table {
     return 176 + slotSize_ + slotSize_ * index;
   }
   void lists() {
-    std::vector<bool> listed(count_);
+    std::vector<bool> listed(static_cast<std::size_t>(count_));
     const auto take = [&listed](std::uint32_t index) {
       require(!listed[index], "a slot is on two lists");
       listed[index] = true;
