@@ -142,6 +142,10 @@ bool ConquerReader<KEY, VALUE, MAP>::doResize() {
   // No longer than the file, so it fits 32 bits.
   void* const base = mem.resize(static_cast<std::uint32_t>(wanted));
   if (base == nullptr) {
+    if (mem.truncated()) {
+      raise<CorruptionDetectedException>("ConquerReader: ", mem.getFilename(),
+                                         " became shorter than its mapping");
+    }
     raise<Sable::MemoryResourceException>(
         "ConquerReader::doResize() failed to resize shared memory to size ", wanted,
         " - the system may be out of memory.");

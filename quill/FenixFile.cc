@@ -7,10 +7,12 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
 #include "quill/Exceptions.h"
 #include "quill/Text.h"
@@ -74,20 +76,38 @@ void FenixFile::write(Sable::Platform::DebugHandler& handler, const std::string&
   }
 }
 
-bool FenixFile::othersIn(const std::string& rootPath, unsigned id) {
-  constexpr off_t kIdOffset = 12;  // of each of them
+std::vector<unsigned> FenixFile::idsIn(const std::string& rootPath) {
+  std::vector<unsigned> ids;
   for (const char* const name : {"/slots", "/buckets", "/conquer.1", "/conquer.2"}) {
     const std::string path = rootPath + name;
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) continue;
     struct stat status {};
-    std::uint32_t found = 0;  // of a file that is too short for one
-    const bool empty = fstat(fd, &status) != 0 || status.st_size == 0;
-    if (pread(fd, &found, sizeof found, kIdOffset) != sizeof found) found = 0;
+    const auto failed = [&path] {
+      raise<Sable::InvalidInitializeException>("FenixFile::idsIn() cannot read ", path, ": ",
+                                               std::strerror(errno));
+    };
+    if (lstat(path.c_str(), &status) != 0) {
+      if (errno != ENOENT && errno != ENOTDIR) failed();
+      continue;
+    }
+    if (!S_ISREG(status.st_mode) || status.st_size == 0) continue;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) failed();
+    std::array<std::uint32_t, 4> beginning{};  // the id is the last word, in each of them
+    auto* const bytes = reinterpret_cast<char*>(beginning.data());
+    std::size_t have = 0;
+    ssize_t got = 1;
+    while (got != 0 && have < sizeof beginning) {
+      got = ::read(fd, bytes + have, sizeof beginning - have);
+      if (got < 0 && errno != EINTR) break;
+      have += got < 0 ? 0 : static_cast<std::size_t>(got);
+    }
+    const int error = errno;
     close(fd);
-    if (!empty && found != id) return true;
+    errno = error;
+    if (got < 0) failed();
+    ids.push_back(have == sizeof beginning ? beginning.back() : 0);
   }
-  return false;
+  return ids;
 }
 
 void FenixFile::validate(Sable::Platform::DebugHandler& handler, const std::string& rootPath,

@@ -25,8 +25,9 @@ class FenixFile {
   // Raises Sable::InvalidInitializeException with the path and the system's reason.
   static void write(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                     unsigned id);
-  // Whether one of the table's four mapped files is there and has another id than `id`.
-  static bool othersIn(const std::string& rootPath, unsigned id);
+  // The ids in those of the table's four mapped files that are there and not empty, 0 for one that
+  // is too short. Raises Sable::InvalidInitializeException for a file that cannot be read.
+  static std::vector<unsigned> idsIn(const std::string& rootPath);
   // Raises CorruptionDetectedException unless the stored id is `id`.
   static void validate(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                        unsigned id);

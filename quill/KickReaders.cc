@@ -129,11 +129,11 @@ void WriterKickSm::Readers::armTimer() {
 
 void WriterKickSm::Readers::timeout() {
   const double now = clock();
-  if (paused_ && acceptAgain_ <= now) {
-    paused_ = false;
-    manager_.readableIs(owner_.listening_.get(), *this);
-  }
   timer_->arm(kAcceptPause);  // should memory run out in here
+  if (paused_ && acceptAgain_ <= now) {
+    manager_.readableIs(owner_.listening_.get(), *this);
+    paused_ = false;
+  }
   std::vector<Reader*> late;
   for (const auto& [fd, reader] : readers_) {
     if (!reader->session.introduced() && reader->deadline <= now) late.push_back(reader.get());
@@ -195,9 +195,15 @@ bool WriterKickSm::Readers::kick(Reader& reader) {
 bool WriterKickSm::Readers::send(Reader& reader, KickType type) {
   const int error = sendKick(reader.socket.get(), {type, owner_.sequence_});
   if (error == 0) return true;
-  const bool gone = error == EPIPE || error == ECONNRESET;
-  drop(reader, gone ? std::string()
-                    : textOf(type, " cannot be sent, it does not read: ", std::strerror(error)));
+  std::string reason;
+  if (error != EPIPE && error != ECONNRESET) {
+    try {
+      reason = textOf(type, " cannot be sent, it does not read: ", std::strerror(error));
+    } catch (const std::bad_alloc&) {
+      reason = "gone";  // short enough to need none
+    }
+  }
+  drop(reader, reason);
   return false;
 }
 
@@ -235,7 +241,7 @@ void WriterKickSm::Readers::drop(Reader& reader, const std::string& reason) {
 void WriterKickSm::Readers::logDrop(const Reader& reader, const std::string& reason) noexcept {
   try {
     logLine(reader, reason);
-  } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): see the declaration
+  } catch (...) {  // NOLINT(bugprone-empty-catch): see the declaration
   }
 }
 

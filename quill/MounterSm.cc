@@ -249,9 +249,9 @@ void MounterSm::Watcher::onReadable() {
 }
 
 void MounterSm::Watcher::deafIs(int error) {
+  timer_->arm(kRetryTime);  // first: without memory for it the next turn comes here again
   manager_->readableDel(inotify_.get());
   deaf_ = true;
-  timer_->arm(kRetryTime);
   const Vex::CurrentActivityManager current(*manager_);
   Vex::log(QUILL_WATCH_FAILED, path_, std::strerror(error));
 }

@@ -207,7 +207,12 @@ void QuillMap<KEY, VALUE, NOTIFY>::putBack(std::unique_ptr<Base> fallback, bool 
 
 template <class KEY, class VALUE, class NOTIFY>
 void QuillMap<KEY, VALUE, NOTIFY>::retire(std::unique_ptr<Base> old) {
-  // No handler runs without a loop: `old` ends here.
+  if (retired_ == nullptr) {
+    // The handle was initialized without a loop. Without one now, too, no handler runs: `old` ends
+    // here.
+    Vex::ActivityManager* const loop = Vex::currentActivityManager();
+    if (loop != nullptr) retired_ = std::make_unique<Retired<Base>>(*loop);
+  }
   if (retired_ != nullptr) retired_->add(std::move(old));
 }
 

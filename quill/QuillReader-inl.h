@@ -130,7 +130,12 @@ decltype(auto) QuillReader<KEY, VALUE>::believed(const Attempt& attempt) const {
 
 template <class KEY, class VALUE>
 [[gnu::always_inline]] inline bool QuillReader<KEY, VALUE>::unsettled() const noexcept {
-  return slots_.grown() || slots_.mem().truncated() || buckets_.mem().truncated();
+  if (slots_.grown()) [[unlikely]]
+    return true;
+  // One load while no file of the process has ever become shorter.
+  if (!Mem::BusGuard::any()) [[likely]]
+    return false;
+  return slots_.mem().truncated() || buckets_.mem().truncated();
 }
 
 template <class KEY, class VALUE>
@@ -180,8 +185,10 @@ const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const 
     if (at.next >= slots.reachable() || left == 0) [[unlikely]]
       return lookupAgain(own, found);
     const Slot<VALUE>& slot = slots.base()[at.next];
-    if (!slots_.readSettled(slot, scratch_)) [[unlikely]]
+    if (!slots_.readSettled(slot, scratch_)) [[unlikely]] {
+      if (at.changed()) ++counters_.readRetries;
       return lookupAgain(own, found);
+    }
     const KEY stored = keyOf<KEY>(scratch_);
     const bool last = !(stored < own);
     const Position next = last ? at : Position(&slot.ref);
@@ -222,14 +229,26 @@ unsigned QuillReader<KEY, VALUE>::lookupMany(const KEY* keys, unsigned count, VA
   unsigned numFound = 0;
   for (unsigned n; count != 0; keys += n, values += n, found += n, count -= n) {
     n = std::min(count, kBatch);
-    // Nothing that is looked at here is believed: lookup() reads it all again.
+    // Nothing that is looked at here is believed: lookup() reads it all again. It may also map a
+    // grown table anew, so this is where the slots are for this batch alone.
+    const auto slots = slots_.slots();
     std::array<const SlotRef*, kBatch> heads;
     for (unsigned i = 0; i < n; ++i) {
       heads[i] = buckets_.peek(bucketOf(keys[i]));
       __builtin_prefetch(heads[i]);
     }
+    std::array<std::uint32_t, kBatch> firsts;
     for (unsigned i = 0; i < n; ++i) {
-      if (heads[i] != nullptr) slots_.slots().prefetch(heads[i]->load(Mem::relaxed).value);
+      firsts[i] = heads[i] == nullptr ? kNoSlot : heads[i]->load(Mem::relaxed).value;
+      slots.prefetch(firsts[i]);
+    }
+    // One key in five is not the first of its chain.
+    for (unsigned i = 0; i < n; ++i) {
+      if (firsts[i] >= slots.reachable()) continue;
+      const Slot<VALUE>& slot = slots.base()[firsts[i]];
+      KEY stored;
+      slot.value.copyOut(&stored, sizeof stored);
+      slots.prefetch(stored < keys[i] ? slot.ref.load(Mem::relaxed).value : firsts[i]);
     }
     for (unsigned i = 0; i < n; ++i) {
       values[i] = lookup(keys[i], found[i]);

@@ -52,6 +52,7 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   // lookup() for each of `count` keys, and answers how many were found; the memory that one needs
   // is fetched while the one before is looked up. `values` and `found` have room for `count`; they
   // may not overlap `keys`. What was not found is a default value.
+  // After an exception they hold answers up to the key that it is about, and anything behind.
   unsigned lookupMany(const KEY* keys, unsigned count, VALUE* values, bool* found) const;
   // False: `value` is a default one.
   bool first(VALUE& value, IterHint& hint) const override { return first(0, value, hint); }
@@ -89,8 +90,8 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
  private:
   // Buckets that an iteration looks ahead.
   static constexpr std::uint32_t kPrefetch = 16;
-  // Keys that lookupMany() has under way: what a processor's line fill buffers can take.
-  static constexpr unsigned kBatch = 16;
+  // Keys that lookupMany() has under way: enough to hide one access to memory behind the others.
+  static constexpr unsigned kBatch = 32;
 
   // A link as it was loaded, and where. Two plain numbers: they stay in registers.
   struct Position {

@@ -91,6 +91,8 @@ template <class Key, class Value>
 
 template <class Key, class Value>
 std::uint32_t QuillWriter<Key, Value>::allocKeeping(SlotRef*& curr, Slot<Value>*& scratch) {
+  // Nothing moves while there is a free slot, which is nearly always: the guards cost as much as a
+  // third of the insertion.
   if (slots_.hasFree()) [[likely]]
     return slots_.alloc();
   const std::uint32_t size = slots_.mem().size();

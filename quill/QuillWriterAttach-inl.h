@@ -6,7 +6,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <vector>
 
 #include "quill/FenixFile.h"
 #include "quill/QuillWriter.h"
@@ -42,11 +44,18 @@ void QuillWriter<Key, Value>::attach() {
     fenix_ = static_cast<std::uint32_t>(getpid());
   } else {
     fenix_ = FenixFile::readKnown(this->debugHandler(), root_.rootPath());
-    if (fenix_ == 0) {
+    const bool fresh = fenix_ == 0;
+    if (fresh) {
       static unsigned instanceId = 0;  // one for each kind of table
       Util::encodeFenix(static_cast<unsigned short>(getpid() & 0xffff),
                         Util::nextInstance(instanceId), fenix_);
-    } else if (FenixFile::othersIn(root_.rootPath(), fenix_)) {
+    }
+    const std::vector<unsigned> ids = FenixFile::idsIn(root_.rootPath());
+    if (fresh) {
+      // Files without `fenix` are given up. They must not pass for those of the new id, which is
+      // made of the process's number and may have been theirs.
+      while (fenix_ == 0 || std::find(ids.begin(), ids.end(), fenix_) != ids.end()) ++fenix_;
+    } else if (std::any_of(ids.begin(), ids.end(), [&](unsigned id) { return id != fenix_; })) {
       // A recovery has died in here, and its files are about to be formatted under the id of the
       // table that it gave up. Once all four are, they would be sound and empty under an id that
       // readers hold with contents and a later sequence: the id must not outlive this writer.
@@ -123,7 +132,7 @@ template <class Key, class Value>
 void QuillWriter<Key, Value>::cleanup() {
   if (localMem_) return;
   // Where it cannot be told, the lock will.
-  if (access(root_.rootPath().c_str(), F_OK) != 0 && errno == ENOENT) return;
+  if (access(root_.rootPath().c_str(), F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR)) return;
   const Util::AutoLock lock(this->debugHandler(), root_, conquer_.lockHandle());
   this->trace(7, [&](std::ostream& os) {
     os << "QuillWriter::cleanup() removing Quill files " << rootPath();

@@ -30,7 +30,8 @@ class Retired final : private Vex::DeferredTask {
   }
 
  private:
-  // More than a turn brings: add() needs no memory, whose want would destroy what it was given.
+  // More than a turn brings: up to here add() needs no memory, whose want would destroy what it was
+  // given.
   static constexpr std::size_t kRoom = 64;
 
   void run() override {
