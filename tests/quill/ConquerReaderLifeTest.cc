@@ -74,6 +74,19 @@ TEST_F(ConquerReader, AQueueFileThatBecameShorterIsNotBelieved) {
   EXPECT_EQ(damageOf([&] { sut.conquer(); }), text);
 }
 
+TEST_F(ConquerReader, AQueueFileThatWasCutAndGrewAgainIsDamageAndNotWantOfMemory) {
+  queue_.grow(0, 1000);
+  fill(0, 900);
+  attach();
+  const std::string text = "ConquerReader: " + queue_.file(0) + " became shorter than its mapping";
+  sut.conquer();
+  std::filesystem::resize_file(queue_.file(0), 4096);
+  EXPECT_EQ(damageOf([&] { sut.latestSequence(); }), text);
+  std::filesystem::resize_file(queue_.file(0), 40000);
+  queue_.header(0).table.notifications.store({9, 2000}, Mem::release);
+  EXPECT_EQ(damageOf([&] { sut.conquer(); }), text);
+}
+
 TEST_F(ConquerReader, AnEmptyTableIsNotBelievedIfItsFileBecameShorter) {
   queue_.switchTo(1);
   attach();
