@@ -84,7 +84,7 @@ TEST_F(ConquerReader, AQueueFileThatWasCutAndGrewAgainIsDamageAndNotWantOfMemory
   EXPECT_EQ(damageOf([&] { sut.latestSequence(); }), text);
   std::filesystem::resize_file(queue_.file(0), 40000);
   queue_.header(0).table.notifications.store({9, 2000}, Mem::release);
-  EXPECT_EQ(damageOf([&] { sut.conquer(); }), text);
+  EXPECT_EQ(damageOf([&] { sut.doResize(); }), text);
 }
 
 TEST_F(ConquerReader, AnEmptyTableIsNotBelievedIfItsFileBecameShorter) {
