@@ -319,6 +319,11 @@ void ConquerWriter<VALUE>::grow(ConquerTableId id) {
   void* const resized =
       bytes > UINT32_MAX ? nullptr : mem.resize(static_cast<std::uint32_t>(bytes));
   if (resized == nullptr) {
+    // A mapping that lost pages cannot be moved, whatever memory there is.
+    if (mem.truncated()) {
+      raise<CorruptionDetectedException>("ConquerWriter: ", mem.getFilename(),
+                                         " became shorter than its mapping");
+    }
     raise<Sable::MemoryResourceException>(
         "ConquerWriter::grow() failed to resize shared memory to size ", bytes,
         " - the system may be out of memory.");

@@ -82,7 +82,6 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   unsigned fenixId() const override { return fenix_; }
 
   // For whoever keeps a copy of the table.
-  const RootPath& root() const noexcept { return root_; }
   Reader::Counters& counters() const noexcept { return counters_; }
   Slots& slotTable() const noexcept { return slots_; }
   std::uint32_t numBuckets() const noexcept { return buckets_.numBuckets(); }

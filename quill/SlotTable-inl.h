@@ -152,8 +152,10 @@ typename SlotTable<VALUE>::Header* SlotTable<VALUE>::Header::format(
   header->occupiedSlots.store(0, Mem::release);
   header->freeSlots.store(kNoSlot, Mem::release);
   header->numSlots.store({0, numSlots}, Mem::release);
-  freshSlot(header->lookaside);
   for (std::uint32_t i = 0; i < numSlots; ++i) freshSlot(header->slots()[i]);
+  // Behind the slots: one that a dead writer left with LOOKASIDE up sends the readers of the old
+  // table here until it is fresh itself, and zeros are a value that nobody wrote.
+  freshSlot(header->lookaside);
   return header;
 }
 

@@ -167,6 +167,11 @@ bool SlotWriterTable<VALUE>::grow() {
   auto* const resized = static_cast<Header*>(
       bytes > UINT32_MAX ? nullptr : this->mem_.resize(static_cast<std::uint32_t>(bytes)));
   if (resized == nullptr) {
+    // A mapping that lost pages cannot be moved, whatever memory there is.
+    if (this->mem_.truncated()) {
+      raise<CorruptionDetectedException>("SlotWriter: ", this->mem_.getFilename(),
+                                         " became shorter than its mapping");
+    }
     raise<Sable::MemoryResourceException>(
         "SlotWriter::grow() failed to resize shared memory to size ", bytes,
         " - the system may be out of memory.");

@@ -349,5 +349,46 @@ TEST_F(QuillMapMountTest, DestroyingAHandleTakesItOffTheLoop) {
   EXPECT_EQ(writer->members(), 1U);
 }
 
+TEST(QuillMapWithoutLoop, WhatAHandleReplacesEndsAtOnceAndLaterAsSoonAsThereIsALoop) {
+  const TemporaryRoot root;
+  const std::string path = root.table("counterIntf");
+  Vex::VirtualActivityManager loop;
+  IntfMap writer(path, "counterIntf");
+  const auto newTable = [&](std::string_view key) {
+    const Vex::CurrentActivityManager current(loop);
+    if (writer.initialized()) {
+      writer.controlDetach();
+      writer.cleanup();
+    }
+    writer.init(QuillType::writer, false, 100);
+    writer.write(intfRecord(key, 1));
+  };
+  const auto has = [](const IntfMap& map, std::string_view key) {
+    bool found = false;
+    return map.lookup(Portus::IntfId::fromName(key), found) == intfRecord(key, 1) && found;
+  };
+  // An old reader says this when it ends.
+  const std::string ended = "QuillReader::detach() already detached";
+  newTable("eth1");
+  IntfMap sut(path, "counterIntf");
+  sut.init(QuillType::reader, false, 0);
+  EXPECT_TRUE(has(sut, "eth1"));
+
+  newTable("eth2");
+  TraceText traces;
+  sut.notifying(true);  // the only occasion to look
+  EXPECT_TRUE(has(sut, "eth2"));
+  EXPECT_EQ(traces.count(ended), 1U);
+
+  newTable("eth3");
+  const Vex::CurrentActivityManager current(loop);
+  traces.clear();
+  sut.notifying(true);
+  EXPECT_TRUE(has(sut, "eth3"));
+  EXPECT_EQ(traces.count(ended), 0U);
+  loop.runFor(0.0);
+  EXPECT_EQ(traces.count(ended), 1U);
+}
+
 }  // namespace
 }  // namespace QuillTest

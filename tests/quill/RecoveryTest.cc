@@ -152,6 +152,47 @@ TEST_F(Recovery, AFenixIdNeverBecomesZero) {
   EXPECT_EQ(writer()->fenixId(), 1U);
 }
 
+TEST_F(Recovery, AFreshIdIsNoneOfThoseInTheFilesThatLostTheirFenix) {
+  leaveTable();
+  // Ids are given out in turn: the next two are those of files that are here.
+  std::filesystem::remove(name_ + "/fenix");
+  for (const char* const name : {"slots", "buckets"}) file(name).u32Is(12, fenix_ + 1);
+  for (const char* const name : {"conquer.1", "conquer.2"}) file(name).u32Is(12, fenix_ + 2);
+  const auto sut = writer();
+  EXPECT_EQ(keys(*sut), "") << "files without fenix are given up";
+  EXPECT_NE(sut->fenixId(), fenix_);
+  EXPECT_NE(sut->fenixId(), fenix_ + 1);
+  EXPECT_NE(sut->fenixId(), fenix_ + 2);
+  EXPECT_EQ(Quill::FenixFile::read(handler_, name_), sut->fenixId());
+}
+
+TEST_F(Recovery, SoundFilesUnderTheNextFreshIdAreGivenUpAllTheSame) {
+  leaveTable();
+  std::filesystem::remove(name_ + "/fenix");
+  for (const char* const name : {"slots", "buckets", "conquer.1", "conquer.2"}) {
+    file(name).u32Is(12, fenix_ + 1);
+  }
+  EXPECT_EQ(keys(*writer()), "");
+}
+
+TEST_F(Recovery, ADirectoryInPlaceOfConquer2LeavesFenixAndTheTableAlone) {
+  leaveTable();
+  std::filesystem::remove(name_ + "/conquer.2");
+  std::filesystem::create_directory(name_ + "/conquer.2");
+  const auto others = [this] {
+    return file("slots").all() + file("buckets").all() + file("conquer.1").all();
+  };
+  const std::string before = others();
+  EXPECT_THROW(newWriter()->initialize(), Sable::Exception);
+  EXPECT_EQ(Quill::FenixFile::read(handler_, name_), fenix_);
+  EXPECT_EQ(others(), before);
+  EXPECT_EQ(Quill::FenixFile::idsIn(name_), (std::vector<unsigned>{fenix_, fenix_, fenix_}));
+  std::filesystem::remove(name_ + "/conquer.2");
+  const auto sut = writer();
+  EXPECT_EQ(sut->fenixId(), fenix_);
+  EXPECT_EQ(keys(*sut), "5 7 1005 ");
+}
+
 TEST_F(Recovery, OccupiedSlotsOffByOneIsFound) {
   EXPECT_EQ(foundAfter([&] { file("slots").u32Is(160, 4); }),
             "Validator::walkOccupiedSlots() mismatch header->occupiedSlots:4 count:3");

@@ -9,41 +9,22 @@
 // its own fields.
 #pragma once
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <new>
 #include <string>
 
 #include "tests/quill/history/KeyVersions.h"
-#include "tests/quill/history/TableModel.h"
+#include "tests/quill/history/SharedBoard.h"
 
 namespace QuillTest {
 
-struct Board {
+struct Board : SharedBoard<Board> {
   static constexpr unsigned kKeys = 64;
   static constexpr unsigned kWatchers = 4;
   static constexpr unsigned kFirstShadow = 2;
-
-  // In a mapping that children share.
-  static Board* newShared() {
-    void* const room =
-        mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (room == MAP_FAILED) wrong("no memory for the board");
-    return new (room) Board;
-  }
-  static void sharedDel(Board* board) { munmap(board, sizeof(Board)); }
-
-  // The first text stays.
-  void failureIs(const std::string& text) {
-    if (failing.exchange(true)) return;
-    std::snprintf(failure.data(), failure.size(), "%s", text.c_str());
-    failed = true;
-  }
 
   void consumedIs(unsigned number, std::uint32_t generation, std::uint64_t upTo) {
     consumed[number].fenix = 0;
@@ -123,11 +104,8 @@ struct Board {
   std::array<std::atomic<std::uint64_t>, kWatchers> damages{};
   std::array<std::atomic<std::uint64_t>, kWatchers> resyncs{};
 
-  std::atomic<bool> failing = false;
-  std::atomic<bool> failed = false;
-  std::array<char, 1'000> failure{};
-
  private:
+  friend class SharedBoard<Board>;
   Board() = default;
 };
 

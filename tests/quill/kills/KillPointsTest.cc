@@ -31,4 +31,11 @@ INSTANTIATE_TEST_SUITE_P(OfEachOperation, KillPoints, testing::Range(0U, kKillOp
                            return name;
                          });
 
+// The chain of a slot that a dead writer left with LOOKASIDE up is that of the default key.
+TEST(KillPoints, ARecoveryGivesNobodyTheZerosOfALookasideThatItHasFormatted) {
+  const TemporaryRoot root;
+  KillWorker sut(root.path(), true, 0);
+  EXPECT_NO_THROW(sut.run(20'262'233, std::numeric_limits<double>::infinity()));
+}
+
 }  // namespace QuillTest

@@ -4,22 +4,16 @@
 // what the readers counted. In memory that processes share, or threads.
 #pragma once
 
-#include <sys/mman.h>
-
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
-#include <new>
-#include <string>
 
 #include "tests/quill/history/KeyVersions.h"
-#include "tests/quill/history/TableModel.h"
+#include "tests/quill/history/SharedBoard.h"
 
 namespace QuillTest {
 
-struct ReadBoard {
+struct ReadBoard : SharedBoard<ReadBoard> {
   static constexpr unsigned kKeys = 2'048;
 
   enum Kind : unsigned { lookups, values, iterations, shadows, keyShadows, kinds };
@@ -31,14 +25,6 @@ struct ReadBoard {
     std::atomic<std::uint64_t> sequence = 0;
   };
 
-  static ReadBoard* newShared() {
-    void* const room =
-        mmap(nullptr, sizeof(ReadBoard), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (room == MAP_FAILED) wrong("no memory for the board");
-    return new (room) ReadBoard;
-  }
-  static void sharedDel(ReadBoard* board) { munmap(board, sizeof(ReadBoard)); }
-
   // For the next table.
   void clear() {
     for (Key& key : keys) {
@@ -49,12 +35,6 @@ struct ReadBoard {
     active = 0;
     ready = 0;
     stop = false;
-  }
-  // The first text stays.
-  void failureIs(const std::string& text) {
-    if (failing.exchange(true)) return;
-    std::snprintf(failure.data(), failure.size(), "%s", text.c_str());
-    failed = true;
   }
   bool over() const noexcept {
     return stop.load(std::memory_order_relaxed) || failed.load(std::memory_order_relaxed);
@@ -83,11 +63,8 @@ struct ReadBoard {
   std::atomic<std::uint64_t> growths = 0;
   std::atomic<std::uint64_t> moves = 0;
 
-  std::atomic<bool> failing = false;
-  std::atomic<bool> failed = false;
-  std::array<char, 1'000> failure{};
-
  private:
+  friend class SharedBoard<ReadBoard>;
   ReadBoard() = default;
 };
 
