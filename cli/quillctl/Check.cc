@@ -6,12 +6,12 @@
 #include <set>
 #include <vector>
 
+#include "cli/quillctl/Handles.h"
 #include "cli/quillctl/PrivateCopy.h"
+#include "cli/quillctl/Reading.h"
 #include "cli/quillctl/Records.h"
 #include "cli/quillctl/TraceTexts.h"
 #include "quill/FenixFile.h"
-#include "quill/QuillReader.h"
-#include "quill/QuillWriter.h"
 #include "quill/Util.h"
 
 namespace Quillctl {
@@ -75,10 +75,10 @@ std::uint32_t sizeOf(const TableFacts& facts) {
 template <class Value>
 Verdict tryToAttach(Sable::Platform::DebugHandler& handler, const TableFacts& facts) {
   const PrivateCopy copy(facts);
-  const unsigned fenix = Quill::FenixFile::read(handler, copy.table());
   Verdict verdict;
   const TraceTexts traces;
   try {
+    const unsigned fenix = Quill::FenixFile::readKnown(handler, copy.table());
     Quill::QuillWriter<KeyOf<Value>, Value> writer(handler, copy.table().c_str(), sizeOf(facts),
                                                    false, facts.slots.classType);
     writer.initialize();
@@ -88,10 +88,13 @@ Verdict tryToAttach(Sable::Platform::DebugHandler& handler, const TableFacts& fa
       verdict.finding = findingOf(traces, copy, facts);
     }
     writer.detach();
-  } catch (const Sable::MemoryResourceException& exception) {
-    throw Failure(ExitStatus::refused, exception.msg());
-  } catch (const Sable::Exception& exception) {
+  } catch (const Quill::CorruptionDetectedException& exception) {
     verdict.finding = withPathOf(exception.msg(), copy, facts.path);
+  } catch (const Sable::Exception& exception) {
+    // The copy is this process's own, of regular files: what cannot be done with it is no damage.
+    throw Failure(
+        ExitStatus::refused,
+        "the check could not be made: " + printable(withPathOf(exception.msg(), copy, facts.path)));
   }
   return verdict;
 }
@@ -102,14 +105,14 @@ class ReaderCheck {
 
  public:
   ReaderCheck(Sable::Platform::DebugHandler& handler, const TableFacts& facts)
-      : reader_(handler, facts.path.c_str()) {}
+      : handler_(handler), path_(facts.path), reader_(handler, facts.path.c_str()) {}
 
   Verdict verdict() {
     Verdict result;
     result.how = Verdict::How::inUse;
     try {
       const TraceTexts traces;
-      if (!reader_.initialize()) {
+      if (!mounted(handler_, path_, reader_)) {
         result.finding = traces.after("QuillReader::initialize() ");
         return result;
       }
@@ -123,7 +126,7 @@ class ReaderCheck {
                            " is on a chain on which no lookup finds it";
         }
       }
-    } catch (const Sable::Exception& exception) {
+    } catch (const Quill::CorruptionDetectedException& exception) {
       result.finding = exception.msg();
     }
     result.entries = met_;
@@ -148,6 +151,8 @@ class ReaderCheck {
     return missed;
   }
 
+  Sable::Platform::DebugHandler& handler_;
+  const std::string path_;
   Quill::QuillReader<Key, Value> reader_;
   std::uint32_t met_ = 0;
 };

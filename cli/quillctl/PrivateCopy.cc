@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <new>
 
 #include "cli/quillctl/Failure.h"
 #include "cli/quillctl/RawFile.h"
@@ -30,6 +31,7 @@ constexpr std::uint64_t kMaxFile = 0xFFFFFFFFU;  // sizes of a table's files are
 }  // namespace
 
 PrivateCopy::PrivateCopy(const TableFacts& facts) {
+  // The six X are for mkdtemp(3) to fill in.
   std::string pattern = (std::filesystem::temp_directory_path() / "quillctl-XXXXXX").string();
   if (mkdtemp(pattern.data()) == nullptr) refuse("make " + pattern, errno);
   directory_ = pattern;
@@ -40,15 +42,23 @@ PrivateCopy::PrivateCopy(const TableFacts& facts) {
       copyIn(facts.path, name);
     }
   } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
+    remove();
     throw;
   }
 }
 
-PrivateCopy::~PrivateCopy() {
-  std::error_code ignored;
-  std::filesystem::remove_all(directory_, ignored);
+PrivateCopy::~PrivateCopy() { remove(); }
+
+void PrivateCopy::remove() const noexcept {
+  // Twice: the first may find no memory when the second does.
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    try {
+      std::error_code ignored;
+      std::filesystem::remove_all(directory_, ignored);
+      return;
+    } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the copy stays
+    }
+  }
 }
 
 void PrivateCopy::copyIn(const std::string& path, const std::string& name) const {
@@ -69,6 +79,7 @@ void PrivateCopy::copyIn(const std::string& path, const std::string& name) const
   }
   for (std::uint64_t at = 0; at < from.size();) {
     const std::string block = from.bytes(at, kBlock);
+    if (from.error() != 0) refuse("read " + printable(source), from.error());
     if (block.empty()) break;  // it has become shorter; the check finds that
     const bool hole = std::all_of(block.begin(), block.end(), [](char c) { return c == '\0'; });
     if (!hole && pwrite(to.get(), block.data(), block.size(), static_cast<off_t>(at)) !=

@@ -26,6 +26,7 @@ class PrivateCopy {
   const std::string& table() const noexcept { return table_; }
 
  private:
+  void remove() const noexcept;
   void copyIn(const std::string& path, const std::string& name) const;
 
   std::string directory_;

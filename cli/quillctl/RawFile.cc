@@ -28,6 +28,7 @@ std::string RawFile::bytes(std::uint64_t offset, std::size_t count) const {
     const ssize_t got =
         pread(fd_.get(), text.data() + had, count - had, static_cast<off_t>(offset + had));
     if (got < 0 && errno == EINTR) continue;
+    if (got < 0) error_ = errno;
     if (got <= 0) break;
     had += static_cast<std::size_t>(got);
   }

@@ -19,7 +19,7 @@ class RawFile {
  public:
   explicit RawFile(const std::string& path);
 
-  // 0, or why the file could not be opened.
+  // 0, or why the file could not be opened, or read the last time that failed.
   int error() const noexcept { return error_; }
   bool opened() const noexcept { return error_ == 0; }
   std::uint64_t size() const noexcept { return size_; }
@@ -28,7 +28,7 @@ class RawFile {
 
  private:
   Platform::Linux::Fd fd_;
-  int error_ = 0;
+  mutable int error_ = 0;  // no part of the file
   std::uint64_t size_ = 0;
 };
 

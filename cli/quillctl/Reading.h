@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "cli/quillctl/Failure.h"
+#include "cli/quillctl/Handles.h"
 #include "cli/quillctl/Records.h"
 #include "cli/quillctl/TableFacts.h"
 #include "cli/quillctl/TraceTexts.h"
-#include "quill/QuillReader.h"
 
 namespace Quillctl {
 
@@ -21,6 +21,15 @@ namespace Quillctl {
 [[noreturn]] inline void throwDamaged(const std::string& table, const std::string& finding) {
   throw Failure(ExitStatus::damaged,
                 "table " + inQuotes(table) + " is damaged: " + printable(finding));
+}
+
+// Whether `reader` is mounted; if not, the files contradict themselves. Tried twice: what failed
+// the first time and is all right afterwards was no damage. Raises as requireReadable().
+template <class Reader>
+bool mounted(Sable::Platform::DebugHandler& handler, const std::string& path, Reader& reader) {
+  if (reader.initialize()) return true;
+  requireReadable(handler, path);
+  return reader.initialize();
 }
 
 template <class Value>
@@ -33,7 +42,7 @@ class Reading {
       : name_(facts.name), reader_(handler, facts.path.c_str()) {
     const TraceTexts traces;
     guarded([&] {
-      if (!reader_.initialize()) {
+      if (!mounted(handler, facts.path, reader_)) {
         throwDamaged(name_, traces.after("QuillReader::initialize()"));
       }
     });

@@ -41,9 +41,10 @@ std::string Session::tablePath() {
 
 TableFacts Session::facts() {
   TableFacts facts(handler_, tablePath());
-  if (facts.slots.error == EACCES || facts.buckets.error == EACCES) {
+  for (const int error : {facts.slots.error, facts.buckets.error}) {
+    if (!systemFailed(error)) continue;
     throw Failure(ExitStatus::refused, "table " + inQuotes(arguments_.table) + ": cannot read " +
-                                           printable(facts.path) + ": " + std::strerror(EACCES));
+                                           printable(facts.path) + ": " + std::strerror(error));
   }
   if (!facts.exists()) {
     throw Failure(ExitStatus::missing, "no table " + inQuotes(arguments_.table) +

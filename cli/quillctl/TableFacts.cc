@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
+#include "cli/quillctl/Failure.h"
 #include "cli/quillctl/RawFile.h"
 #include "cli/quillctl/Texts.h"
 #include "platform/linux/Fd.h"
@@ -51,9 +53,9 @@ class Fields {
 };
 
 Fields begun(FileFacts& facts, const RawFile& file, std::size_t headerSize) {
-  facts.error = file.error();
   facts.bytes = file.size();
   Fields fields(file.bytes(0, headerSize));
+  facts.error = file.error();
   facts.magic = fields.text(0, 8);
   facts.version = fields.u32(8);
   facts.fenix = fields.u32(12);
@@ -127,6 +129,35 @@ OwnerFacts ownerFacts(Sable::Platform::DebugHandler& handler, const std::string&
 }
 
 }  // namespace
+
+bool systemFailed(int error) noexcept {
+  switch (error) {
+    case 0:
+    case ENOENT:
+    case ENOTDIR:
+    case EISDIR:
+    case EINVAL:  // a directory, a FIFO
+    case ELOOP:   // a symbolic link
+    case ENXIO:   // a socket
+      return false;
+    default:
+      return true;
+  }
+}
+
+void requireReadable(Sable::Platform::DebugHandler& handler, const std::string& path) {
+  const TableFacts facts(handler, path);
+  const std::pair<const char*, int> files[] = {{"slots", facts.slots.error},
+                                               {"buckets", facts.buckets.error},
+                                               {"conquer.1", facts.queues[0].error},
+                                               {"conquer.2", facts.queues[1].error}};
+  for (const auto& [name, error] : files) {
+    if (!systemFailed(error)) continue;
+    throw Failure(ExitStatus::refused,
+                  "cannot read " + printable(path) + "/" + name + ": " + std::strerror(error));
+  }
+  static_cast<void>(Quill::FenixFile::readKnown(handler, path));
+}
 
 bool SlotsFacts::identified() const noexcept {
   return error == 0 && bytes >= kSlotsHeader && magic == "QUILLSLT" && version == kSlotsVersion &&

@@ -66,6 +66,13 @@ struct OwnerFacts {
   bool alive = false;
 };
 
+// Whether a file could not be read for a reason of the system's, and not for what lies there.
+bool systemFailed(int error) noexcept;
+
+// Raises Failure(refused), or what the store raises for `fenix`, if a file of the table is there
+// and cannot be read.
+void requireReadable(Sable::Platform::DebugHandler& handler, const std::string& path);
+
 struct TableFacts {
   // Reads all of it. REQUIRES: this process does not write the table; asking who holds the writer
   // lock would let go of it.

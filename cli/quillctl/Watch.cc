@@ -48,8 +48,9 @@ class Watch {
  public:
   using Key = KeyOf<Value>;
 
-  Watch(Session& session, const std::string& path)
-      : session_(session), map_(path, "quillctl-watch") {}
+  // `toldAbsent`: that there is no table has been said already.
+  Watch(Session& session, const std::string& path, bool toldAbsent)
+      : session_(session), told_(toldAbsent), map_(path, "quillctl-watch") {}
   Watch(const Watch&) = delete;
   Watch& operator=(const Watch&) = delete;
   // The map tells of every key as gone when it goes: nothing of the table has.
@@ -118,9 +119,11 @@ class Watch {
 void watchTable(Session& session) {
   const std::string path = session.tablePath();
   StopSignals stop(session.loop());
+  bool toldAbsent = false;
   {
     TypeAwaiter awaiter(session, path);
     if (!awaiter.known()) {
+      toldAbsent = true;
       session.out() << (session.arguments().json ? lineOf({{"event", "unmounted"}})
                                                  : std::string("# no table yet\n"))
                     << std::flush;
@@ -131,7 +134,7 @@ void watchTable(Session& session) {
     }
   }
   const TableFacts facts = session.knownFacts();
-  visitTable(facts, [&]<class Value>() { Watch<Value>(session, path).run(stop); });
+  visitTable(facts, [&]<class Value>() { Watch<Value>(session, path, toldAbsent).run(stop); });
 }
 
 }  // namespace Quillctl

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <numeric>
 #include <random>
 #include <vector>
@@ -95,7 +96,10 @@ void serveReaders(Session& session) noexcept {
       before = after;
     }
   } catch (const std::exception& exception) {
-    session.note(printable(exception.what()));
+    try {
+      session.note(printable(exception.what()));
+    } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): no memory to say so
+    }
   }
 }
 

@@ -13,10 +13,10 @@
 #include <string>
 
 #include "cli/quillctl/Check.h"
+#include "cli/quillctl/Handles.h"
 #include "cli/quillctl/Reading.h"
 #include "cli/quillctl/Session.h"
 #include "cli/quillctl/StopSignals.h"
-#include "quill/QuillWriter.h"
 
 namespace Quillctl {
 

@@ -51,7 +51,8 @@ TEST_F(QuillctlWatch, WaitsForATableThatIsNotThereYet) {
   Running sut(root_, {"watch", "v"});
   EXPECT_EQ(sut.line(), "# no table yet");
   makeVlans();
-  EXPECT_TRUE(sut.line().starts_with("# the table is there, 0 entries, "));
+  const std::string there = sut.line();
+  EXPECT_TRUE(there.starts_with("# the table is there, 0 entries, ")) << there;
   Running writer(root_, {"batch", "v"});
   writer.say("put 6 4 4 4\n");
   EXPECT_EQ(change(sut), "6: tx 4, rx 4, rxOther 4");
