@@ -26,6 +26,7 @@ namespace {
 struct State {
   bool planned = false;
   bool watching = false;
+  bool others = false;
   unsigned pauses = 0;
   Fault fault;
   unsigned count = 0;
@@ -45,6 +46,10 @@ std::string Fault::text() const {
 void watchingIs(bool on) noexcept { state.watching = on; }
 
 bool watching() noexcept { return state.watching; }
+
+void othersToo(bool on) noexcept { state.others = on; }
+
+bool othersFail() noexcept { return state.others; }
 
 Plan::Plan(const Fault& fault) noexcept {
   state.fault = fault;

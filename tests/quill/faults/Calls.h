@@ -53,6 +53,31 @@ class Pause {
 void watchingIs(bool on) noexcept;
 bool watching() noexcept;
 
+// Whether the loop's own calls, and those of quillctl, count and fail too; else they are made.
+void othersToo(bool on) noexcept;
+bool othersFail() noexcept;
+
+// What the time is for this program while it lives. Nobody waits: what a wait of the loop would
+// take passes at once. One at a time.
+class Time {
+ public:
+  // Every look at a clock finds `step` seconds more than the one before.
+  Time(double seconds, double step) noexcept;
+  Time(const Time&) = delete;
+  Time& operator=(const Time&) = delete;
+  ~Time();
+
+  double now() const noexcept;
+  // The latest that anybody has seen.
+  double latest() const noexcept;
+  void nowIs(double seconds) noexcept;
+  void stepIs(double seconds) noexcept;
+  // Every other look finds so much less; 0 for none.
+  void swingIs(double seconds) noexcept;
+  // Looks at clocks other than CLOCK_MONOTONIC.
+  unsigned otherLooks() const noexcept;
+};
+
 // Asked by each call: its errno, kShort, or 0 to be made.
 int failing(Kind kind, const char* name) noexcept;
 

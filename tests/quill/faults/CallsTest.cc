@@ -48,7 +48,7 @@ Names takenCalls() {
 
 }  // namespace
 
-TEST(FaultCalls, EveryFunctionOfTheCLibraryThatTheStoreUsesIsOnTheList) {
+TEST(FaultCalls, EveryFunctionOfTheCLibraryThatIsUsedIsOnTheList) {
   const Names listed = listedCalls();
   const Names taken = takenCalls();
   EXPECT_GT(taken.size(), 40U);
