@@ -84,14 +84,20 @@ class LinkQueue {
     while (at != nullptr && at->vexIndex_ != index) at = at->next_;
     return at;
   }
-  // The first member behind `index` in queue order, null for none. O(1) while a member with this
-  // index exists.
+  // The first member behind `index` in queue order, null for none and for an index that does not
+  // stand before the tail's. O(1) while a member with this index exists, and for an index outside
+  // of the queue: a walk whose place was served meanwhile goes on at the head. Only an index whose
+  // member was taken out from between others costs the members before it.
   const Member* memberAfter(std::uint32_t index) const noexcept {
     if (const Member* at = member(index); at != nullptr) return at->next_;
+    if (tail_ == nullptr || !isBefore(index, tail_->vexIndex_)) return nullptr;
     const Member* at = head_;
     while (at != nullptr && !larger(at->vexIndex_, index)) at = at->next_;
     return at;
   }
+
+  // Whether index `a` stands before `b` in the order of the queue; neither need be in it.
+  static bool isBefore(std::uint32_t a, std::uint32_t b) noexcept { return larger(b, a); }
 
   // The first member of this value; with `after`, the first one with a larger index. Costs the
   // number of members of the value.

@@ -208,6 +208,35 @@ TEST(LinkQueue, IndexesGoRoundTheEndOf32Bits) {
   EXPECT_EQ(sut.memberAfter(0xFFFFFFFF)->vex_index(), 0U);  // of an index that is no more
 }
 
+TEST(LinkQueue, BehindAnIndexThatIsGoneStandsTheNextMemberThatIsThere) {
+  for (const std::uint32_t members : {5U, 3 * Queue::kUnindexed}) {
+    SCOPED_TRACE(members);
+    Queue sut;
+    sut.metadataIs({0, 0xFFFFFFF0});  // goes round within the longer one
+    for (std::uint32_t i = 0; i < members; ++i) sut.enq({i});
+    const std::uint32_t first = sut.head()->vex_index();
+    sut.deq();
+    sut.memberDel(first + 2);
+    EXPECT_EQ(sut.memberAfter(first), sut.head());
+    EXPECT_EQ(sut.memberAfter(first - 100), sut.head());
+    EXPECT_EQ(sut.memberAfter(first + 2)->vex_index(), first + 3);
+    const std::uint32_t last = sut.tail()->vex_index();
+    sut.memberDel(last);
+    EXPECT_EQ(sut.memberAfter(last), nullptr);
+    EXPECT_EQ(sut.memberAfter(last + 100), nullptr);
+  }
+}
+
+TEST(LinkQueue, BehindTheTailIsNothingHoweverFarBehindTheHeadIs) {
+  // The head's index is larger than those behind the tail in serial-number arithmetic; a walk that
+  // asked each member in turn would begin at the head again, for ever.
+  Queue sut;
+  for (const std::uint32_t index : {0U, 0x60000000U, 0xC0000000U}) sut.doMemberIs(index, {1});
+  ASSERT_EQ(sut.tail()->vex_index(), 0xC0000000U);
+  EXPECT_EQ(sut.memberAfter(0xC0000000), nullptr);
+  EXPECT_EQ(sut.memberAfter(0xC0000001), nullptr);
+}
+
 TEST(LinkQueue, AnAppendNeverTakesAnIndexThatIsInUse) {
   // Indexes from outside may lie further apart than half of their space.
   Queue sut;

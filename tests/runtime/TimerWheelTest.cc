@@ -1,70 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 //
-// Each rule of Helm::TimerWheel by itself, in virtual time. TimerWheelModelTest.cc compares the
-// whole with a model.
+// When a timer fires and in which order: each rule of Helm::TimerWheel by itself, in virtual time.
+// TimerWheelModelTest.cc compares the whole with a model.
 #include "runtime/helm/TimerWheel.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
-#include <functional>
+#include <cstdint>
 #include <limits>
 #include <memory>
-#include <stdexcept>
-#include <utility>
 #include <vector>
 
-#include "runtime/vex/VirtualActivityManager.h"
-#include "tests/runtime/AllocationCount.h"
+#include "tests/runtime/TimerWheelFixture.h"
 
+namespace RuntimeTest {
 namespace {
 
 using Helm::TimerWheel;
 using Vex::kNever;
 using Vex::makePtr;
 using Vex::Ptr;
-
-class Timer final : public TimerWheel::NotifieeConst {
- public:
-  explicit Timer(std::function<void()> handler = {}) : handler_(std::move(handler)) {}
-  void onTime() override {
-    ++fired;
-    firedAt = Vex::activityManager().clock()->now();
-    if (handler_) handler_();
-  }
-  using Vex::NotifieeConst::onNotificationException;
-  void onNotificationException(Vex::AttributeId id) override { exceptions.push_back(id); }
-
-  int fired = 0;
-  double firedAt = 0;
-  std::vector<Vex::AttributeId> exceptions;
-
- private:
-  std::function<void()> handler_;
-};
-
-class TimerWheelTest : public testing::Test {
- protected:
-  Ptr<TimerWheel const> newWheel(std::uint32_t tickMsecs = 10) {
-    return makePtr<TimerWheel>(nullptr, manager.clock(), tickMsecs, 60480000U, true, 1024U);
-  }
-  Ptr<Timer> newTimer(std::function<void()> handler = {}) {
-    auto timer = makePtr<Timer>(std::move(handler));
-    timer->notifierIs(wheel);
-    timer->isRegisteredNotifieeIs(true);
-    return timer;
-  }
-  Ptr<Timer> newTimerAt(double seconds, std::function<void()> handler = {}) {
-    auto timer = newTimer(std::move(handler));
-    timer->timeMinIs(seconds);
-    return timer;
-  }
-
-  Vex::VirtualActivityManager manager;
-  Vex::CurrentActivityManager current{manager};
-  Ptr<TimerWheel const> wheel = newWheel();
-};
 
 TEST_F(TimerWheelTest, GettersGiveTheConstructorArguments) {
   const auto config = makePtr<Vex::ActivityConfig>(manager);
@@ -368,260 +324,6 @@ TEST_F(TimerWheelTest, SameTickWakesOnce) {
   EXPECT_EQ(manager.wakeUps(), 1u);
 }
 
-TEST_F(TimerWheelTest, UnregisteredTimerIsSilentAndRemembersItsTime) {
-  const auto timer = newTimerAt(1001.0);
-  timer->isRegisteredNotifieeIs(false);
-  EXPECT_FALSE(timer->armed());
-  EXPECT_EQ(timer->timeMin(), 1001.0);
-  manager.runUntil(1000.5);
-  EXPECT_EQ(manager.wakeUps(), 0u);
-  timer->isRegisteredNotifieeIs(true);
-  manager.runUntil(1002.0);
-  EXPECT_EQ(timer->firedAt, 1001.0);
-}
-
-TEST_F(TimerWheelTest, TimeSetWhileUnregisteredArmsAtRegistration) {
-  const auto timer = makePtr<Timer>();
-  timer->timeMinIs(1001.0);
-  timer->notifierIs(wheel);
-  manager.runUntil(1000.5);
-  EXPECT_FALSE(timer->armed());
-  timer->isRegisteredNotifieeIs(true);
-  manager.runUntil(1002.0);
-  EXPECT_EQ(timer->firedAt, 1001.0);
-}
-
-TEST_F(TimerWheelTest, RegisteringAgainAfterFiringDoesNotFireAgain) {
-  const auto timer = newTimerAt(1001.0);
-  manager.runUntil(1002.0);
-  timer->isRegisteredNotifieeIs(false);
-  timer->isRegisteredNotifieeIs(true);
-  manager.runUntil(1003.0);
-  EXPECT_EQ(timer->fired, 1);
-}
-
-TEST_F(TimerWheelTest, ZombieTimerIsSilentUntilItIsBackAlive) {
-  const auto timer = newTimer();
-  timer->hasNotificationActiveIs(true);
-  timer->timeMinIs(1001.0);
-  timer->vexDoZombieReactors(true);
-  manager.runUntil(1005.0);
-  EXPECT_EQ(timer->fired, 0);
-  timer->vexDoZombieReactors(false);
-  manager.runUntil(1006.0);
-  EXPECT_EQ(timer->firedAt, 1005.01);
-}
-
-TEST_F(TimerWheelTest, TimerMovesToAnotherWheelWithItsTime) {
-  const auto timer = newTimerAt(1001.001);
-  timer->notifierIs(newWheel(500));
-  EXPECT_FALSE(timer->armed());
-  timer->isRegisteredNotifieeIs(true);
-  manager.runUntil(1005.0);
-  EXPECT_EQ(timer->firedAt, 1001.5);
-}
-
-TEST_F(TimerWheelTest, NotifierOfAnotherClassCountsAsNull) {
-  const auto timer = newTimerAt(1001.0);
-  timer->notifierIs(makePtr<Timer>());
-  EXPECT_EQ(timer->notifier(), nullptr);
-  EXPECT_FALSE(timer->armed());
-  manager.runUntil(1002.0);
-  EXPECT_EQ(timer->fired, 0);
-}
-
-TEST_F(TimerWheelTest, OnlyTimersCanBeRegistered) {
-  struct Other final : Vex::NotifieeConst {};
-  const auto other = makePtr<Other>();
-  other->notifierIs(wheel);
-  EXPECT_THROW(other->isRegisteredNotifieeIs(true), Vex::InternalException);
-  other->isRegisteredNotifieeIs(false);
-}
-
-TEST_F(TimerWheelTest, DestroyedTimerLeavesTheWheel) {
-  auto timer = newTimerAt(1001.0);
-  timer.reset();
-  manager.runFor(10);
-  EXPECT_EQ(manager.wakeUps(), 0u);
-}
-
-TEST_F(TimerWheelTest, TimerKeepsTheWheelAlive) {
-  const auto timer = newTimerAt(1001.0);
-  wheel.reset();
-  manager.runFor(10);
-  EXPECT_EQ(timer->fired, 1);
-}
-
-TEST_F(TimerWheelTest, HandlerMayDestroyItself) {
-  int fired = 0;
-  Ptr<Timer> timer;
-  timer = newTimerAt(1001.0, [&] {
-    ++fired;
-    timer.reset();
-  });
-  const auto other = newTimerAt(1001.0);
-  manager.runFor(10);
-  EXPECT_EQ(fired, 1);
-  EXPECT_EQ(other->fired, 1);
-}
-
-TEST_F(TimerWheelTest, TimerLivesUntilItsHandlerIsDone) {
-  class Mortal final : public TimerWheel::NotifieeConst {
-   public:
-    Mortal(Ptr<Mortal>& owner, bool& dead) : owner_(owner), dead_(dead) {}
-    ~Mortal() override { dead_ = true; }
-    void onTime() override {
-      const bool& dead = dead_;
-      owner_.reset();
-      EXPECT_FALSE(dead);
-    }
-
-   private:
-    Ptr<Mortal>& owner_;
-    bool& dead_;
-  };
-  bool dead = false;
-  Ptr<Mortal> timer;
-  timer = makePtr<Mortal>(timer, dead);
-  timer->notifierIs(wheel);
-  timer->isRegisteredNotifieeIs(true);
-  timer->timeMinIs(1001.0);
-  manager.runFor(10);
-  EXPECT_TRUE(dead);
-}
-
-TEST_F(TimerWheelTest, HandlerMayDestroyOrCancelOthersOfItsTick) {
-  Ptr<Timer> destroyed;
-  Ptr<Timer> cancelled;
-  const auto first = newTimerAt(1001.0, [&] {
-    destroyed.reset();
-    cancelled->timeMinIs(kNever);
-  });
-  int firedDestroyed = 0;
-  destroyed = newTimerAt(1001.0, [&] { ++firedDestroyed; });
-  cancelled = newTimerAt(1001.0);
-  const auto last = newTimerAt(1001.0);
-  manager.runFor(10);
-  EXPECT_EQ(firedDestroyed, 0);
-  EXPECT_EQ(cancelled->fired, 0);
-  EXPECT_EQ(last->fired, 1);
-}
-
-TEST_F(TimerWheelTest, HandlerMayPutOffAnotherOfItsTick) {
-  Ptr<Timer> other;
-  const auto first = newTimerAt(1001.0, [&] { other->timeMinIs(1002.0); });
-  other = newTimerAt(1001.0);
-  manager.runFor(10);
-  EXPECT_EQ(other->fired, 1);
-  EXPECT_EQ(other->firedAt, 1002.0);
-}
-
-TEST_F(TimerWheelTest, HandlerMayDropTheLastReferenceToTheWheel) {
-  int fired = 0;
-  Ptr<Timer> timer;
-  Ptr<Timer> other = newTimerAt(1001.01, [&] { ++fired; });
-  timer = newTimerAt(1001.0, [&] {
-    ++fired;
-    other.reset();
-    timer.reset();
-    wheel.reset();
-  });
-  manager.runFor(10);
-  EXPECT_EQ(fired, 1);
-}
-
-TEST_F(TimerWheelTest, ExceptionOfAHandlerStaysWithItsTimer) {
-  const auto bad = newTimerAt(1001.0, [] { throw std::runtime_error("handler"); });
-  const auto next = newTimerAt(1001.0);
-  const auto later = newTimerAt(1001.01);
-  EXPECT_NO_THROW(manager.runFor(10));
-  EXPECT_EQ(bad->exceptions, (std::vector<Vex::AttributeId>{0}));
-  EXPECT_FALSE(bad->armed());
-  EXPECT_EQ(next->fired, 1);
-  EXPECT_EQ(later->fired, 1);
-}
-
-TEST_F(TimerWheelTest, SilencedWheelHoldsTimersBackUntilItIsActiveAgain) {
-  const Ptr<TimerWheel> writable(const_cast<TimerWheel*>(wheel.get()));
-  std::vector<int> order;
-  const auto first = newTimerAt(1001.0, [&] {
-    order.push_back(1);
-    writable->hasNotificationActiveIs(false);  // in the middle of its tick
-  });
-  const auto second = newTimerAt(1001.0, [&] { order.push_back(2); });
-  const auto third = newTimerAt(1002.0, [&] { order.push_back(3); });
-  manager.runUntil(1010.0);
-  EXPECT_EQ(order, (std::vector<int>{1}));
-  EXPECT_EQ(manager.wakeUps(), 1u);
-  EXPECT_TRUE(second->armed());
-  first->timeMinIs(1010.005);
-  writable->hasNotificationActiveIs(true);
-  manager.runTurn();
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
-  EXPECT_EQ(second->firedAt, 1010.0);
-  manager.runUntil(1011.0);
-  EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 1}));
-  EXPECT_EQ(first->firedAt, 1010.01);
-}
-
-TEST_F(TimerWheelTest, ArmingRearmingCancellingAndFiringAllocateNothing) {
-  std::vector<Ptr<Timer>> timers;
-  for (int i = 0; i < 1000; ++i) timers.push_back(newTimer());
-  const AllocationCount allocations;
-  for (int round = 0; round < 3; ++round) {
-    double offset = 0.003;
-    for (const auto& timer : timers) {
-      timer->timeMinIs(manager.now() + offset);
-      offset *= 1.02;
-      if (offset > 1e7) offset = 0.01;
-    }
-    for (const auto& timer : timers) timer->timeMinIs(timer->timeMin() + 1);
-    manager.runFor(100);
-    for (const auto& timer : timers) timer->timeMinIs(kNever);
-  }
-  EXPECT_EQ(allocations.sinceThen(), 0u);
-  EXPECT_GT(timers[0]->fired, 0);
-}
-
-TEST_F(TimerWheelTest, AllocationsAreSeenByTheCount) {
-  const AllocationCount allocations;
-  const auto timer = newTimer();
-  EXPECT_GE(allocations.sinceThen(), 1u);
-}
-
-TEST_F(TimerWheelTest, MillionTimersOverTheWholeSpanFireAtTheirTicks) {
-  class Small final : public TimerWheel::NotifieeConst {
-   public:
-    explicit Small(std::vector<std::uint32_t>& order, std::uint32_t tick)
-        : order_(order), tick_(tick) {}
-    void onTime() override { order_.push_back(tick_); }
-
-   private:
-    std::vector<std::uint32_t>& order_;
-    std::uint32_t tick_;
-  };
-  constexpr std::uint32_t kTimers = 1000000;
-  constexpr std::uint32_t kSpan = 60480000;
-  std::vector<std::uint32_t> order;
-  std::vector<Ptr<Small>> timers;
-  timers.reserve(kTimers);
-  std::uint32_t wakeUps = 0;
-  std::vector<bool> used(kSpan + 1);
-  for (std::uint32_t i = 0; i < kTimers; ++i) {
-    const auto tick = static_cast<std::uint32_t>(1 + std::uint64_t{i} * 2654435761U % kSpan);
-    timers.push_back(makePtr<Small>(order, tick));
-    timers.back()->notifierIs(wheel);
-    timers.back()->isRegisteredNotifieeIs(true);
-    timers.back()->timeMinIs(1000.0 + tick * 10.0 / 1000.0);
-    if (!used[tick]) ++wakeUps;
-    used[tick] = true;
-  }
-  manager.runUntil(1000.0 + 604800.0);
-  ASSERT_EQ(order.size(), kTimers);
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-  EXPECT_EQ(manager.wakeUps(), wakeUps);
-}
-
 TEST_F(TimerWheelTest, InsideAHandlerTheTimeIsThatOfTheTimerSoThatIntervalsDoNotGrow) {
   std::vector<double> seen;
   Ptr<Timer> timer;
@@ -650,3 +352,4 @@ TEST_F(TimerWheelTest, ATimerThatIsLateByATickAndMoreSeesTheClockAndCatchesUpNot
 }
 
 }  // namespace
+}  // namespace RuntimeTest
