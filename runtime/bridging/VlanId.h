@@ -20,6 +20,7 @@
 #include <type_traits>
 
 #include "runtime/vex/Exception.h"
+#include "runtime/vex/ValueText.h"
 
 namespace Bridging {
 
@@ -106,6 +107,36 @@ std::ostream& operator<<(std::ostream& out, VlanId vlanId);
 std::ostream& operator<<(std::ostream& out, VlanIdOrNone vlanId);
 
 }  // namespace Bridging
+
+// Decimal, 0 for none. A VlanId in the text of a value is read as a VlanIdOrNone, since a default
+// one says "none" as well; as a key it is 1 to 4094.
+template <>
+struct Vex::ValueText<Bridging::VlanIdOrNone> {
+  static void write(std::string& out, const Bridging::VlanIdOrNone& vlanId) {
+    writeNumber(out, std::uint64_t{vlanId.value()});
+  }
+  static Bridging::VlanIdOrNone narrow(std::int64_t wide) { return Bridging::VlanIdOrNone(wide); }
+  static Bridging::VlanIdOrNone read(TextPlace& at, const TextPlace& end) {
+    return narrow(wideNumber(at, end));
+  }
+  static Bridging::VlanIdOrNone fromKey(std::string_view text) {
+    return Bridging::VlanIdOrNone::parse(text);
+  }
+};
+template <>
+struct Vex::ValueText<Bridging::VlanId> {
+  static void write(std::string& out, const Bridging::VlanId& vlanId) {
+    writeNumber(out, std::uint64_t{vlanId.value()});
+  }
+  static Bridging::VlanId narrow(std::int64_t wide) {
+    const Bridging::VlanIdOrNone vlanId(wide);
+    return vlanId ? Bridging::VlanId(vlanId.value()) : Bridging::VlanId();
+  }
+  static Bridging::VlanId read(TextPlace& at, const TextPlace& end) {
+    return narrow(wideNumber(at, end));
+  }
+  static Bridging::VlanId fromKey(std::string_view text) { return Bridging::VlanId::parse(text); }
+};
 
 template <>
 struct std::hash<Bridging::VlanId> {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/portus/EthAddr.h"
 
+#include <algorithm>
 #include <ostream>
 
 #include "runtime/vex/Exception.h"
@@ -63,3 +64,10 @@ std::string EthAddr::toText() const {
 std::ostream& operator<<(std::ostream& out, const EthAddr& addr) { return out << addr.toText(); }
 
 }  // namespace Portus
+
+Portus::EthAddr Vex::ValueText<Portus::EthAddr>::read(TextPlace& at, const TextPlace& end) {
+  const TextPlace behind = at + std::min<std::ptrdiff_t>(end - at, Portus::kTextLength);
+  const auto addr = Portus::EthAddr::parse(std::string_view(at, behind));
+  at = behind;
+  return addr;
+}

@@ -19,6 +19,7 @@
 #include <type_traits>
 
 #include "runtime/portus/Mix.h"
+#include "runtime/vex/ValueText.h"
 
 namespace Portus {
 
@@ -83,6 +84,14 @@ static_assert(std::is_standard_layout_v<EthAddr>);
 std::ostream& operator<<(std::ostream& out, const EthAddr& addr);
 
 }  // namespace Portus
+
+// As toText() writes it and parse() reads it.
+template <>
+struct Vex::ValueText<Portus::EthAddr> {
+  static void write(std::string& out, const Portus::EthAddr& addr) { out += addr.toText(); }
+  static Portus::EthAddr read(TextPlace& at, const TextPlace& end);
+  static std::string toKey(const Portus::EthAddr& addr) { return addr.toText(); }
+};
 
 template <>
 struct std::hash<Portus::EthAddr> {

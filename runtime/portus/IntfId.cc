@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "runtime/portus/IntfId.h"
 
+#include <algorithm>
 #include <ostream>
 
 #include "runtime/portus/IntfNameTable.h"
@@ -37,6 +38,12 @@ std::string quoted(std::string_view text) {
   }
   result += text.size() > IntfId::kMaxNameLength ? "...\"" : "\"";
   return result;
+}
+
+// Whether a name may hold the byte and yet stand without quotes in the text of a value.
+bool isBare(char c) noexcept {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+         std::string_view("-./:_#@+").find(c) != std::string_view::npos;
 }
 
 void checkName(std::string_view name) {
@@ -78,3 +85,24 @@ bool IntfId::isCanonical() const {
 std::ostream& operator<<(std::ostream& out, const IntfId& id) { return out << id.name(); }
 
 }  // namespace Portus
+
+void Vex::ValueText<Portus::IntfId>::write(std::string& out, const Portus::IntfId& id) {
+  const std::string name = id.name();
+  if (!name.empty() && std::all_of(name.begin(), name.end(), Portus::isBare)) {
+    out += name;
+  } else {
+    writeQuoted(out, name);
+  }
+}
+
+Portus::IntfId Vex::ValueText<Portus::IntfId>::read(TextPlace& at, const TextPlace& end) {
+  if (at == end || !Portus::isBare(*at)) return Portus::IntfId::fromName(quotedString(at, end));
+  const TextPlace behind = std::find_if_not(at, end, Portus::isBare);
+  const auto id = Portus::IntfId::fromName(std::string_view(at, behind));
+  at = behind;
+  return id;
+}
+
+std::string Vex::ValueText<Portus::IntfId>::toKey(const Portus::IntfId& id) {
+  return id ? id.name() : Portus::intfIdEscape(id.value());
+}

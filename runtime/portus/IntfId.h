@@ -28,6 +28,7 @@
 #include "runtime/portus/IntfIdCodec.h"
 #include "runtime/portus/IntfKind.h"
 #include "runtime/portus/Mix.h"
+#include "runtime/vex/ValueText.h"
 
 namespace Portus {
 
@@ -123,6 +124,17 @@ struct PortChannelIntfId {
 };
 
 }  // namespace Portus
+
+// The name: bare if it is made of letters, digits and -./:_#@+ alone, else as a quoted string,
+// which any name may be read from. As the key of a path it stands bare, and the empty one as its
+// eight bytes (intf#0000000000000000), so that a key is never empty.
+template <>
+struct Vex::ValueText<Portus::IntfId> {
+  static void write(std::string& out, const Portus::IntfId& id);
+  static Portus::IntfId read(TextPlace& at, const TextPlace& end);
+  static Portus::IntfId fromKey(std::string_view text) { return Portus::IntfId::fromName(text); }
+  static std::string toKey(const Portus::IntfId& id);
+};
 
 template <>
 struct std::hash<Portus::IntfId> {

@@ -42,6 +42,11 @@ class ValueCollection {
     const Value* value = find(key);
     return value != nullptr ? *value : Value();
   }
+  // The member under `key`, null for none; good until the collection changes.
+  const Member* member(const Key& key) const noexcept { return map_.member(key); }
+  // The member behind `key` in the order of iteration, whether `key` is there or not; the first one
+  // for null; null at the end.
+  const Member* memberAfter(const Key* key) const noexcept { return map_.memberAfter(key); }
   std::uint32_t members() const noexcept { return map_.members(); }
   bool empty() const noexcept { return map_.empty(); }
 

@@ -5,6 +5,7 @@ namespace Vex {
 
 namespace {
 constexpr AttributeInfo kBaseAttributes[] = {
+    {Entity::kName, "name", AttributeKind::plain},
     {Entity::kParent, "parent", AttributeKind::plain},
     {Entity::kVersion, "version", AttributeKind::plain},
     {Entity::kIsNondestructing, "isNondestructing", AttributeKind::plain},
@@ -30,7 +31,14 @@ void Entity::parentIs(Entity* parent) {
   if (parent == parent_) return;
   parent_ = parent;
   if (parent == nullptr) parentAttrId_ = 0;
-  walk(notifiees_, kParent, [](NotifieeConst& n) { n.onParent(); });
+  const auto tell = [this] { walk(notifiees_, kParent, [](NotifieeConst& n) { n.onParent(); }); };
+  try {
+    handleParent();
+  } catch (...) {
+    tell();
+    throw;
+  }
+  tell();
 }
 
 std::string Entity::fullName() const {

@@ -26,10 +26,20 @@
 
 namespace Vex {
 
-enum class AttributeKind : std::uint8_t { plain, collection, queue, ownedChild };
+// `members` are entities under keys, `table` a collection in the store of tables and `control` the
+// handle by which it is mounted.
+enum class AttributeKind : std::uint8_t {
+  plain,
+  collection,
+  queue,
+  ownedChild,
+  members,
+  table,
+  control
+};
 
-// One line of an entity's description; each class keeps a constexpr table of them, in the order of
-// declaration, next to its accessors.
+// One line of an entity's description: a table of them, in the order of declaration, is Self's
+// kAttributes. Classes that other processes reach derive it from their Description.
 struct AttributeInfo {
   AttributeId id;
   std::string_view name;
@@ -48,6 +58,7 @@ class Entity : public VFPtrInterface {
     NotifieeConst() noexcept = default;
   };
 
+  static constexpr AttributeId kName = 1;
   static constexpr AttributeId kParent = 2;
   static constexpr AttributeId kVersion = 4;
   static constexpr AttributeId kIsNondestructing = 6;
@@ -60,6 +71,8 @@ class Entity : public VFPtrInterface {
   // Which attribute of the parent holds this entity: its number, and its name. 0 and "" for none.
   AttributeId parentAttrId() const noexcept { return parentAttrId_; }
   std::string_view parentAttr() const;
+  // Runs handleParent(), then tells the notifiees. What handleParent() raises is the caller's; the
+  // entity stands under its new parent all the same, and everybody has been told.
   void parentIs(Entity* parent);
   void parentAttrIdIs(AttributeId id) noexcept { parentAttrId_ = id; }
 
@@ -83,6 +96,17 @@ class Entity : public VFPtrInterface {
   bool vexHasAttrLogInterface() const noexcept { return hasAttrLogInterface_; }
   void vexHasAttrLogInterfaceIs(bool flag) noexcept { hasAttrLogInterface_ = flag; }
 
+  // For stream adapters, of which an entity may have several: whether a transfer that one of them
+  // takes in has marked the members of the attribute at this position of the class.
+  static constexpr std::size_t kTransfers = 16;
+  bool vexTransferUnderWay(std::size_t position) const noexcept {
+    return (transfers_ >> position & 1U) != 0;
+  }
+  void vexTransferUnderWayIs(std::size_t position, bool flag) noexcept {
+    const auto bit = static_cast<std::uint16_t>(1U << position);
+    transfers_ = static_cast<std::uint16_t>(flag ? transfers_ | bit : transfers_ & ~bit);
+  }
+
   // Tells the notifiees that nobody refers to the entity any more.
   void zeroReferencesIs();
 
@@ -98,17 +122,55 @@ class Entity : public VFPtrInterface {
   explicit Entity(Name name) noexcept : name_(std::move(name)) {}
   void handleZeroRef() override;
 
+  // The entity was placed under a parent, or taken away from the one that it had.
+  virtual void handleParent() {}
+
   void listNotifiee(Vex::NotifieeConst& notifiee, bool registered) const;
   const ListRaw<Vex::NotifieeConst>& notifiees() const noexcept { return notifiees_; }
 
  private:
   bool isNondestructing_ = false;  // in the padding behind the base's count word
   bool hasAttrLogInterface_ = false;
+  std::uint16_t transfers_ = 0;
   Name name_;
   Entity* parent_ = nullptr;
   AttributeId parentAttrId_ = 0;
   std::uint32_t version_ = 0;
   mutable ListRaw<Vex::NotifieeConst> notifiees_;
+};
+
+// The address of the key that a notification is about: what `call.key` holds, null for a call that
+// has none.
+template <class Call>
+const void* keyOfChange(const Call& call) noexcept {
+  if constexpr (requires { call.key; }) {
+    return &call.key;
+  } else {
+    return nullptr;
+  }
+}
+
+// Tells one notifiee of one change, a stream adapter by number and key and everybody else by
+// `call`.
+template <class Notifiee, class Call>
+void tellChange(Vex::NotifieeConst& notifiee, AttributeId id, Call& call) {
+  guardedNotification(notifiee, id, [&] {
+    if (notifiee.vexTakesNumbers()) {
+      notifiee.vexOnChange(id, keyOfChange(call));
+    } else {
+      call(static_cast<Notifiee&>(notifiee));
+    }
+  });
+}
+
+// The notification of one key of a collection.
+template <auto Handler, class Key>
+struct KeyChange {
+  Key key;
+  template <class Notifiee>
+  void operator()(Notifiee& notifiee) const {
+    (notifiee.*Handler)(key);
+  }
 };
 
 // A notification that is delivered in pieces: to the notifiees ahead of a given one, and later to
@@ -135,9 +197,7 @@ class SuspendableWalk {
   }
 
  private:
-  void tell(NotifieeConst& notifiee) {
-    guardedNotification(notifiee, id_, [&] { call_(static_cast<Notifiee&>(notifiee)); });
-  }
+  void tell(NotifieeConst& notifiee) { tellChange<Notifiee>(notifiee, id_, call_); }
 
   SnapshotIterator<NotifieeConst> snapshot_;
   AttributeId id_;
@@ -160,17 +220,21 @@ class EntityOf : public Entity {
 
   std::span<const AttributeInfo> attributes() const noexcept override { return Self::kAttributes; }
 
+  // What the class says of itself at run time. To call it, include runtime/vex/GenericType.h.
+  static VexType* _fwkType() { return fwkTypeOf<Self>(); }
+  VexType* fwkType() const { return _fwkType(); }
+
  protected:
   explicit EntityOf(Name name) noexcept : Entity(std::move(name)) {}
 
-  // Tells each notifiee by `call`, which takes a Self::NotifieeConst&.
+  // Tells each notifiee by `call`, which takes a Self::NotifieeConst&. A change of one key of a
+  // collection has it as `call.key`.
   template <class Call>
   void notify(AttributeId id, Call&& call) const {
     if (notifiees().count() == 0) return;
     SnapshotIterator<Vex::NotifieeConst> snapshot(notifiees());
     while (Vex::NotifieeConst* notifiee = snapshot.next()) {
-      guardedNotification(*notifiee, id,
-                          [&] { call(static_cast<typename Self::NotifieeConst&>(*notifiee)); });
+      tellChange<typename Self::NotifieeConst>(*notifiee, id, call);
     }
   }
 
@@ -186,7 +250,7 @@ class EntityOf : public Entity {
   // go while it is told.
   template <AttributeId Id, auto Handler, class Key>
   void notifyKey(Key key) const {
-    notify(Id, [&](auto& notifiee) { (notifiee.*Handler)(key); });
+    notify(Id, KeyChange<Handler, Key>{key});
   }
 };
 

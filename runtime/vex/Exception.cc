@@ -12,6 +12,10 @@ void throwInternalException(std::string_view text) { throw InternalException(std
 
 void throwNameInUseException(std::string_view text) { throw NameInUseException(std::string(text)); }
 
+void rethrowFromDeserializeAttr(const RangeException& error, std::string_view attribute) {
+  throwRangeException("attribute '" + std::string(attribute) + "': " + error.text());
+}
+
 void assertionFailed(const char* expression, const char* file, int line) noexcept {
   std::fprintf(stderr, "ASSERTION FAILED: %s (%s:%d)\n", expression, file, line);
   std::abort();

@@ -55,6 +55,10 @@ class NameInUseException : public Exception {
 [[noreturn]] void throwInternalException(std::string_view text);
 [[noreturn]] void throwNameInUseException(std::string_view text);
 
+// Raises `error` again with the name of the attribute in whose text or message it came up.
+[[noreturn]] void rethrowFromDeserializeAttr(const RangeException& error,
+                                             std::string_view attribute);
+
 // Prints "ASSERTION FAILED: " and the text of the expression to standard error and aborts the
 // process. For broken invariants only, never for input.
 [[noreturn]] void assertionFailed(const char* expression, const char* file, int line) noexcept;

@@ -54,6 +54,19 @@ class HashMap : private HashMapGeneric {
   }
   bool has(const Key& key) const noexcept { return member(key) != nullptr; }
 
+  // The member behind `key` in the order of iteration, whether `key` is there or not; the first one
+  // for null; null at the end. The pointer is good until the map changes.
+  Value* memberAfter(const Key* key) const noexcept {
+    return cast(key != nullptr ? findNextG(vtable(), fwkHash(*key), key) : firstG());
+  }
+
+  // Whether `a` stands before `b` in the order of iteration; neither need be in the map.
+  static bool isBefore(const Key& a, const Key& b) noexcept {
+    const std::uint32_t reversedA = bitReverse(fwkHash(a));
+    const std::uint32_t reversedB = bitReverse(fwkHash(b));
+    return reversedA != reversedB ? reversedA < reversedB : a < b;
+  }
+
   // Adds a member under its own key. REQUIRES: the key is free, and the member is in no map
   // (asserted where it shows).
   Value& memberIs(Ptr<Value> value) {

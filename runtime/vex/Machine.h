@@ -31,6 +31,10 @@ void traceNotificationException(std::string_view machine, AttributeId id);
 template <class Self>
 class Machine : public VFPtrInterface {
  public:
+  // What the class says of itself at run time. To call it, include runtime/vex/GenericType.h.
+  static VexType* _fwkType() { return fwkTypeOf<Self>(); }
+  VexType* fwkType() const { return _fwkType(); }
+
   void hasNotificationActiveIs(bool flag) override {
     if (flag == hasNotificationActive()) return;
     PtrInterface::hasNotificationActiveIs(flag);

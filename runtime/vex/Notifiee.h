@@ -25,6 +25,10 @@ namespace Vex {
 class VexType;
 class Activity;
 
+// The type object of a class (GenericType.h).
+template <class Class>
+VexType* fwkTypeOf();
+
 // Number of an attribute in its class; entities count their own from 258.
 using AttributeId = std::uint32_t;
 
@@ -44,6 +48,12 @@ class NotifieeConst : public VFPtrInterface {
   // True for adapters that carry changes to other processes: they stand ahead of all machines in
   // the notifier's list.
   virtual bool isStreamAdapter() const { return false; }
+
+  // A notifiee that follows every attribute by its number is told of the attributes of its entity's
+  // class by vexOnChange() in place of their own operations. `key` is the address of the changed
+  // key of a collection, of its Key type; null for what has none.
+  bool vexTakesNumbers() const noexcept { return takesNumbers_; }
+  virtual void vexOnChange(AttributeId /*id*/, const void* /*key*/) {}
 
   // Joins or leaves the notifier's list. Acts only on a change of the flag and only if a notifier
   // is present.
@@ -88,9 +98,12 @@ class NotifieeConst : public VFPtrInterface {
   NotifieeConst() noexcept = default;
   ~NotifieeConst() override;
   void handleZeroRef() override;
+  // For constructors.
+  void vexTakesNumbersIs(bool flag) noexcept { takesNumbers_ = flag; }
 
  private:
   // Fills the padding behind the base's count word.
+  bool takesNumbers_ = false;
   bool registered_ = false;
   bool registeredBefore_ = false;  // what hasNotificationActiveIs(true) restores
   std::uint32_t listPosition_ = 0;

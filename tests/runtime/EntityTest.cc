@@ -41,6 +41,34 @@ class BaseWatcher final : public Lamp::NotifieeConst {
   std::string log;
 };
 
+// Two places of a tree, of which one writes down what it hears of its own.
+class Place : public Vex::EntityOf<Place> {
+ public:
+  using NotifieeConst = Vex::Entity::NotifieeConst;
+  static constexpr std::span<const Vex::AttributeInfo> kAttributes{};
+  explicit Place(const Vex::Name& name) : EntityOf(name) {}
+};
+
+class Placed final : public Place {
+ public:
+  using Place::Place;
+  std::string log;
+  bool refuses = false;
+
+ private:
+  void handleParent() override {
+    log += parent() != nullptr ? "placed " : "out ";
+    if (refuses) Vex::throwRangeException("refused");
+  }
+};
+
+class ParentWatcher final : public Vex::Entity::NotifieeConst {
+ public:
+  explicit ParentWatcher(std::string& to) : log(to) {}
+  void onParent() override { log += "told "; }
+  std::string& log;
+};
+
 TEST(Entity, StartsWithItsNameAndNothingElse) {
   const auto sut = makePtr<Lamp>("hall");
   EXPECT_EQ(sut->name(), "hall");
@@ -83,6 +111,34 @@ TEST(Entity, AChildThatItsParentLetsGoHasNoParentAttributeAnyMore) {
   EXPECT_EQ(member->parentAttrId(), 0U);
   EXPECT_EQ(member->parentAttr(), "");
   EXPECT_EQ(member->fullName(), "[eth7]");
+}
+
+TEST(Entity, HearsOfItsNewParentBeforeItsWatchersDo) {
+  const auto root = Vex::makePtr<Place>("root");
+  const auto sut = Vex::makePtr<Placed>("child");
+  const auto watcher = Vex::makePtr<ParentWatcher>(sut->log);
+  watcher->notifierIs(sut);
+  watcher->isRegisteredNotifieeIs(true);
+  sut->parentIs(root.get());
+  EXPECT_EQ(sut->log, "placed told ");
+  sut->parentIs(root.get());
+  EXPECT_EQ(sut->log, "placed told ");
+  sut->parentIs(nullptr);
+  EXPECT_EQ(sut->log, "placed told out told ");
+}
+
+TEST(Entity, WhatItRaisesAboutItsParentReachesTheCallerAfterEverybodyHasBeenTold) {
+  const auto root = Vex::makePtr<Place>("root");
+  const auto sut = Vex::makePtr<Placed>("child");
+  const auto watcher = Vex::makePtr<ParentWatcher>(sut->log);
+  watcher->notifierIs(sut);
+  watcher->isRegisteredNotifieeIs(true);
+  sut->refuses = true;
+  EXPECT_THROW(sut->parentIs(root.get()), Vex::RangeException);
+  EXPECT_EQ(sut->log, "placed told ");
+  EXPECT_EQ(sut->parent(), root.get());
+  sut->refuses = false;
+  sut->parentIs(nullptr);
 }
 
 TEST(Entity, NamesItsAttributesAndCallsOthersUnknown) {
