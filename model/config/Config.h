@@ -14,8 +14,7 @@
 #include "model/config/TransmitConfig.h"
 #include "runtime/bridging/VlanId.h"
 #include "runtime/portus/IntfId.h"
-#include "runtime/vex/Collection.h"
-#include "runtime/vex/Entity.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward::Config {
 
@@ -43,13 +42,7 @@ class Config final : public Vex::EntityOf<Config> {
   static constexpr Vex::AttributeId kTransmitConfig = 261;
   static constexpr Vex::AttributeId kGlobalIntfConfig = 262;
   static constexpr Vex::AttributeId kClearCounters = 263;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kGlobalEnabled, "globalEnabled", Vex::AttributeKind::plain},
-      {kVlanEnabled, "vlanEnabled", Vex::AttributeKind::collection},
-      {kIntfExclude, "intfExclude", Vex::AttributeKind::collection},
-      {kTransmitConfig, "transmitConfig", Vex::AttributeKind::ownedChild},
-      {kGlobalIntfConfig, "globalIntfConfig", Vex::AttributeKind::ownedChild},
-      {kClearCounters, "clearCounters", Vex::AttributeKind::plain}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
   using VlanEnabled = Vex::ValueCollection<Bridging::VlanId, bool>;
   using IntfExclude = Vex::ValueCollection<Portus::IntfId, bool>;
 
@@ -68,6 +61,7 @@ class Config final : public Vex::EntityOf<Config> {
   void vlanEnabledIs(const Bridging::VlanId& vlanId, bool enabled);
   void vlanEnabledDel(const Bridging::VlanId& vlanId);
   void vlanEnabledDelAll();
+  const VlanEnabled& vlanEnabledColl() const noexcept { return vlanEnabled_; }
   VlanEnabled::IteratorConst vlanEnabledIteratorConst() const {
     return vlanEnabled_.iteratorConst();
   }
@@ -80,6 +74,7 @@ class Config final : public Vex::EntityOf<Config> {
   void intfExcludeIs(const Portus::IntfId& intfId, bool exclude);
   void intfExcludeDel(const Portus::IntfId& intfId);
   void intfExcludeDelAll();
+  const IntfExclude& intfExcludeColl() const noexcept { return intfExclude_; }
   IntfExclude::IteratorConst intfExcludeIteratorConst() const {
     return intfExclude_.iteratorConst();
   }
@@ -117,3 +112,25 @@ class Config final : public Vex::EntityOf<Config> {
 inline Vex::Ptr<Config> configFactory(const Vex::Name& name) { return Vex::makePtr<Config>(name); }
 
 }  // namespace Ringward::Config
+
+template <>
+struct Vex::Description<Ringward::Config::Config> {
+  using Class = Ringward::Config::Config;
+  static constexpr std::string_view kTypeName = "Ringward::Config::Config";
+  static constexpr auto kAttributes =
+      std::tuple(Vex::Scalar{Class::kGlobalEnabled, "globalEnabled", &Class::globalEnabled,
+                             &Class::globalEnabledIs},
+                 Vex::Collection{Class::kVlanEnabled, "vlanEnabled", &Class::vlanEnabledColl,
+                                 &Class::vlanEnabledIs, &Class::vlanEnabledDel},
+                 Vex::Collection{Class::kIntfExclude, "intfExclude", &Class::intfExcludeColl,
+                                 &Class::intfExcludeIs, &Class::intfExcludeDel},
+                 Vex::Child{Class::kTransmitConfig, "transmitConfig", &Class::transmitConfig,
+                            &Class::transmitConfigIs, &Class::transmitConfigDel},
+                 Vex::Child{Class::kGlobalIntfConfig, "globalIntfConfig", &Class::globalIntfConfig,
+                            &Class::globalIntfConfigIs, &Class::globalIntfConfigDel},
+                 Vex::Scalar{Class::kClearCounters, "clearCounters", &Class::clearCounters,
+                             &Class::clearCountersIs});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::Config::Config::kAttributes =
+    Vex::attributeInfos<Ringward::Config::Config>;

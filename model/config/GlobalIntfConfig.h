@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "runtime/vex/Entity.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward::Config {
 
@@ -23,9 +23,7 @@ class GlobalIntfConfig final : public Vex::EntityOf<GlobalIntfConfig> {
   };
   static constexpr Vex::AttributeId kTransmitInterval = 258;
   static constexpr Vex::AttributeId kDisabledTime = 259;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kTransmitInterval, "transmitInterval", Vex::AttributeKind::plain},
-      {kDisabledTime, "disabledTime", Vex::AttributeKind::plain}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
 
   explicit GlobalIntfConfig(const Vex::Name& name) : EntityOf(name) {}
 
@@ -52,3 +50,18 @@ inline Vex::Ptr<GlobalIntfConfig> globalIntfConfigFactory(const Vex::Name& name)
 }
 
 }  // namespace Ringward::Config
+
+template <>
+struct Vex::Description<Ringward::Config::GlobalIntfConfig> {
+  using Class = Ringward::Config::GlobalIntfConfig;
+  static constexpr std::string_view kTypeName = "Ringward::Config::GlobalIntfConfig";
+  static constexpr auto kAttributes =
+      std::tuple(Vex::Scalar{Class::kTransmitInterval, "transmitInterval", &Class::transmitInterval,
+                             &Class::transmitIntervalIs},
+                 Vex::Scalar{Class::kDisabledTime, "disabledTime", &Class::disabledTime,
+                             &Class::disabledTimeIs});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo>
+    Ringward::Config::GlobalIntfConfig::kAttributes =
+        Vex::attributeInfos<Ringward::Config::GlobalIntfConfig>;

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "runtime/vex/Entity.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward::Config {
 
@@ -20,8 +20,7 @@ class TransmitConfig final : public Vex::EntityOf<TransmitConfig> {
     NotifieeConst() noexcept = default;
   };
   static constexpr Vex::AttributeId kRateLimit = 258;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kRateLimit, "rateLimit", Vex::AttributeKind::plain}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
 
   explicit TransmitConfig(const Vex::Name& name) : EntityOf(name) {}
 
@@ -41,3 +40,14 @@ inline Vex::Ptr<TransmitConfig> transmitConfigFactory(const Vex::Name& name) {
 }
 
 }  // namespace Ringward::Config
+
+template <>
+struct Vex::Description<Ringward::Config::TransmitConfig> {
+  using Class = Ringward::Config::TransmitConfig;
+  static constexpr std::string_view kTypeName = "Ringward::Config::TransmitConfig";
+  static constexpr auto kAttributes = std::tuple(
+      Vex::Scalar{Class::kRateLimit, "rateLimit", &Class::rateLimit, &Class::rateLimitIs});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::Config::TransmitConfig::kAttributes =
+    Vex::attributeInfos<Ringward::Config::TransmitConfig>;

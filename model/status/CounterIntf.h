@@ -17,6 +17,7 @@
 #include <type_traits>
 
 #include "runtime/portus/IntfId.h"
+#include "runtime/vex/DescribedValue.h"
 
 namespace Ringward::Status {
 
@@ -24,6 +25,18 @@ namespace Ringward::Status {
 struct CounterIntf {
   // The type's name in a table's header.
   static constexpr std::string_view kTypeName = "Ringward::Status::CounterIntf";
+
+  constexpr CounterIntf() noexcept = default;
+  constexpr CounterIntf(const Portus::IntfId& intf, std::uint32_t sent, std::uint32_t received,
+                        std::uint32_t other) noexcept
+      : key(intf), tx(sent), rx(received), rxOther(other) {}
+  // The type object; to call it, include runtime/vex/GenericType.h.
+  template <class Self = CounterIntf>
+  static Vex::VexType* _fwkType() {
+    return Vex::fwkTypeOf<Self>();
+  }
+  // Reads the text form; `at` ends behind it.
+  CounterIntf(Vex::TextPlace& at, const Vex::TextPlace& end);
 
   Portus::IntfId key;
   std::uint32_t tx = 0;       // probes handed to the interface's Pam
@@ -39,10 +52,26 @@ static_assert(offsetof(CounterIntf, tx) == 8 && offsetof(CounterIntf, rx) == 12 
               offsetof(CounterIntf, rxOther) == 16);
 static_assert(std::is_trivially_copyable_v<CounterIntf>);
 
-// Prints "<key>: tx <tx>, rx <rx>, rxOther <rxOther>".
-inline std::ostream& operator<<(std::ostream& out, const CounterIntf& counter) {
-  return out << counter.key << ": tx " << counter.tx << ", rx " << counter.rx << ", rxOther "
-             << counter.rxOther;
+}  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::CounterIntf> {
+  using Class = Ringward::Status::CounterIntf;
+  static constexpr std::string_view kTypeName = Class::kTypeName;
+  static constexpr auto kFields =
+      std::tuple(Vex::Field{"key", &Class::key}, Vex::Field{"tx", &Class::tx},
+                 Vex::Field{"rx", &Class::rx}, Vex::Field{"rxOther", &Class::rxOther});
+};
+
+namespace Ringward::Status {
+
+using Vex::valueToStrep;
+
+inline CounterIntf::CounterIntf(Vex::TextPlace& at, const Vex::TextPlace& end) {
+  Vex::readDescribed(*this, at, end);
+}
+inline std::ostream& operator<<(std::ostream& out, const CounterIntf& value) {
+  return Vex::writeStrep(out, value);
 }
 
 }  // namespace Ringward::Status

@@ -18,6 +18,7 @@
 #include <type_traits>
 
 #include "runtime/bridging/VlanId.h"
+#include "runtime/vex/DescribedValue.h"
 
 namespace Ringward::Status {
 
@@ -31,6 +32,13 @@ struct CounterVlan {
   constexpr CounterVlan(Bridging::VlanIdOrNone vlan, std::uint32_t sent, std::uint32_t received,
                         std::uint32_t other) noexcept
       : key(vlan), tx(sent), rx(received), rxOther(other) {}
+  // The type object; to call it, include runtime/vex/GenericType.h.
+  template <class Self = CounterVlan>
+  static Vex::VexType* _fwkType() {
+    return Vex::fwkTypeOf<Self>();
+  }
+  // Reads the text form; `at` ends behind it.
+  CounterVlan(Vex::TextPlace& at, const Vex::TextPlace& end);
 
   Bridging::VlanIdOrNone key;
   std::uint16_t padding = 0;
@@ -46,10 +54,26 @@ static_assert(offsetof(CounterVlan, padding) == 2 && offsetof(CounterVlan, tx) =
               offsetof(CounterVlan, rx) == 8 && offsetof(CounterVlan, rxOther) == 12);
 static_assert(std::is_trivially_copyable_v<CounterVlan>);
 
-// Prints "<key>: tx <tx>, rx <rx>, rxOther <rxOther>".
-inline std::ostream& operator<<(std::ostream& out, const CounterVlan& counter) {
-  return out << counter.key << ": tx " << counter.tx << ", rx " << counter.rx << ", rxOther "
-             << counter.rxOther;
+}  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::CounterVlan> {
+  using Class = Ringward::Status::CounterVlan;
+  static constexpr std::string_view kTypeName = Class::kTypeName;
+  static constexpr auto kFields =
+      std::tuple(Vex::Field{"key", &Class::key}, Vex::Field{"tx", &Class::tx},
+                 Vex::Field{"rx", &Class::rx}, Vex::Field{"rxOther", &Class::rxOther});
+};
+
+namespace Ringward::Status {
+
+using Vex::valueToStrep;
+
+inline CounterVlan::CounterVlan(Vex::TextPlace& at, const Vex::TextPlace& end) {
+  Vex::readDescribed(*this, at, end);
+}
+inline std::ostream& operator<<(std::ostream& out, const CounterVlan& value) {
+  return Vex::writeStrep(out, value);
 }
 
 }  // namespace Ringward::Status

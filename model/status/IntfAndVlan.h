@@ -10,10 +10,22 @@
 
 #include "runtime/bridging/VlanId.h"
 #include "runtime/portus/IntfId.h"
+#include "runtime/vex/DescribedValue.h"
 
 namespace Ringward::Status {
 
 struct IntfAndVlan {
+  constexpr IntfAndVlan() noexcept = default;
+  constexpr IntfAndVlan(const Portus::IntfId& intf, Bridging::VlanId vlan) noexcept
+      : intfId(intf), vlanId(vlan) {}
+  // The type object; to call it, include runtime/vex/GenericType.h.
+  template <class Self = IntfAndVlan>
+  static Vex::VexType* _fwkType() {
+    return Vex::fwkTypeOf<Self>();
+  }
+  // Reads the text form; `at` ends behind it.
+  IntfAndVlan(Vex::TextPlace& at, const Vex::TextPlace& end);
+
   Portus::IntfId intfId;
   Bridging::VlanId vlanId;
 
@@ -23,8 +35,25 @@ struct IntfAndVlan {
   std::uint32_t hash() const noexcept { return intfId.hash() ^ (vlanId.hash() * 0x9E3779B1U); }
 };
 
-inline std::ostream& operator<<(std::ostream& os, const IntfAndVlan& value) {
-  return os << "intfId: " << value.intfId << " vlanId: " << value.vlanId;
+}  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::IntfAndVlan> {
+  using Class = Ringward::Status::IntfAndVlan;
+  static constexpr std::string_view kTypeName = "Ringward::Status::IntfAndVlan";
+  static constexpr auto kFields =
+      std::tuple(Vex::Field{"intfId", &Class::intfId}, Vex::Field{"vlanId", &Class::vlanId});
+};
+
+namespace Ringward::Status {
+
+using Vex::valueToStrep;
+
+inline IntfAndVlan::IntfAndVlan(Vex::TextPlace& at, const Vex::TextPlace& end) {
+  Vex::readDescribed(*this, at, end);
+}
+inline std::ostream& operator<<(std::ostream& out, const IntfAndVlan& value) {
+  return Vex::writeStrep(out, value);
 }
 
 }  // namespace Ringward::Status

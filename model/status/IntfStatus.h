@@ -6,8 +6,7 @@
 #pragma once
 
 #include "runtime/portus/IntfId.h"
-#include "runtime/vex/Entity.h"
-#include "runtime/vex/HashMap.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward::Status {
 
@@ -27,11 +26,7 @@ class IntfStatus final : public Vex::EntityOf<IntfStatus>, public Vex::HashMapLi
   static constexpr Vex::AttributeId kDisabled = 259;
   static constexpr Vex::AttributeId kDisabledAt = 260;
   static constexpr Vex::AttributeId kDisabledUntil = 261;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kIntfId, "intfId", Vex::AttributeKind::plain},
-      {kDisabled, "disabled", Vex::AttributeKind::plain},
-      {kDisabledAt, "disabledAt", Vex::AttributeKind::plain},
-      {kDisabledUntil, "disabledUntil", Vex::AttributeKind::plain}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
 
   explicit IntfStatus(const Portus::IntfId& intfId) : EntityOf(Vex::Name()), intfId_(intfId) {}
 
@@ -70,3 +65,18 @@ inline Vex::Ptr<IntfStatus> intfStatusFactory(const Portus::IntfId& intfId) {
 }
 
 }  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::IntfStatus> {
+  using Class = Ringward::Status::IntfStatus;
+  static constexpr std::string_view kTypeName = "Ringward::Status::IntfStatus";
+  static constexpr auto kAttributes = std::tuple(
+      Vex::Scalar{Class::kIntfId, "intfId", &Class::intfId},
+      Vex::Scalar{Class::kDisabled, "disabled", &Class::disabled, &Class::disabledIs},
+      Vex::Scalar{Class::kDisabledAt, "disabledAt", &Class::disabledAt, &Class::disabledAtIs},
+      Vex::Scalar{Class::kDisabledUntil, "disabledUntil", &Class::disabledUntil,
+                  &Class::disabledUntilIs});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::Status::IntfStatus::kAttributes =
+    Vex::attributeInfos<Ringward::Status::IntfStatus>;

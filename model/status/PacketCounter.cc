@@ -1,26 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "model/status/PacketCounter.h"
 
+template class VexQuill::VexQuillMap<
+    Ringward::Status::PacketCounter,
+    VexQuill::VexQuillMapValueWrapper<Ringward::Status::CounterIntf, Portus::IntfId>,
+    Portus::IntfId>;
+template class VexQuill::VexQuillMap<
+    Ringward::Status::PacketCounter,
+    VexQuill::VexQuillMapValueWrapper<Ringward::Status::CounterVlan, Bridging::VlanIdOrNone>,
+    Bridging::VlanIdOrNone>;
+
 namespace Ringward::Status {
 
-CounterIntf PacketCounter::counterIntfDel(const Portus::IntfId& key) {
-  const CounterIntf gone = counterIntf(key);
-  counterIntf_.valueDel(key);
-  return gone;
+PacketCounter::PacketCounter(const Vex::Name& name) : EntityOf(name) {
+  counterIntf_.entity("counterIntf", this, &PacketCounter::counterIntfNotify);
+  counterVlan_.entity("counterVlan", this, &PacketCounter::counterVlanNotify);
+  tableIs(counterIntf_);
+  tableIs(counterVlan_);
 }
 
-CounterVlan PacketCounter::counterVlanDel(const Bridging::VlanIdOrNone& key) {
-  const CounterVlan gone = counterVlan(key);
-  counterVlan_.valueDel(key);
-  return gone;
-}
+PacketCounter::~PacketCounter() = default;
 
-void PacketCounter::counterIntfDelAll() {
-  for (auto it = counterIntf_.iteratorConst(); it; ++it) counterIntf_.valueDel(it.key());
-}
+void PacketCounter::counterIntfCommit(const CounterIntf* /*value*/) { counterIntf_.recordCommit(); }
 
-void PacketCounter::counterVlanDelAll() {
-  for (auto it = counterVlan_.iteratorConst(); it; ++it) counterVlan_.valueDel(it.key());
-}
+void PacketCounter::counterVlanCommit(const CounterVlan* /*value*/) { counterVlan_.recordCommit(); }
 
 }  // namespace Ringward::Status

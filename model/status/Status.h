@@ -6,7 +6,7 @@
 
 #include "model/status/IntfStatus.h"
 #include "runtime/portus/EthAddr.h"
-#include "runtime/vex/Collection.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward::Status {
 
@@ -32,12 +32,7 @@ class Status final : public Vex::EntityOf<Status> {
   static constexpr Vex::AttributeId kAggressiveDisable = 260;
   static constexpr Vex::AttributeId kSysIntfExclude = 261;
   static constexpr Vex::AttributeId kRunning = 262;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kIntfStatus, "intfStatus", Vex::AttributeKind::collection},
-      {kSrcAddr, "srcAddr", Vex::AttributeKind::plain},
-      {kAggressiveDisable, "aggressiveDisable", Vex::AttributeKind::plain},
-      {kSysIntfExclude, "sysIntfExclude", Vex::AttributeKind::collection},
-      {kRunning, "running", Vex::AttributeKind::plain}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
   using IntfStatusMap = Vex::HashMap<IntfStatus, Portus::IntfId>;
   using SysIntfExclude = Vex::ValueCollection<Portus::IntfId, bool>;
 
@@ -52,6 +47,7 @@ class Status final : public Vex::EntityOf<Status> {
   Vex::Ptr<IntfStatus> intfStatusIs(const Portus::IntfId& intfId);
   void intfStatusDel(const Portus::IntfId& intfId);
   void intfStatusDelAll();
+  const IntfStatusMap& intfStatusColl() const noexcept { return intfStatus_; }
   IntfStatusMap::IteratorConst intfStatusIteratorConst() const {
     return intfStatus_.iteratorConst();
   }
@@ -74,6 +70,7 @@ class Status final : public Vex::EntityOf<Status> {
   void sysIntfExcludeIs(const Portus::IntfId& intfId, bool exclude);
   void sysIntfExcludeDel(const Portus::IntfId& intfId);
   void sysIntfExcludeDelAll();
+  const SysIntfExclude& sysIntfExcludeColl() const noexcept { return sysIntfExclude_; }
   SysIntfExclude::IteratorConst sysIntfExcludeIteratorConst() const {
     return sysIntfExclude_.iteratorConst();
   }
@@ -97,3 +94,21 @@ class Status final : public Vex::EntityOf<Status> {
 inline Vex::Ptr<Status> statusFactory(const Vex::Name& name) { return Vex::makePtr<Status>(name); }
 
 }  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::Status> {
+  using Class = Ringward::Status::Status;
+  static constexpr std::string_view kTypeName = "Ringward::Status::Status";
+  static constexpr auto kAttributes = std::tuple(
+      Vex::Members{Class::kIntfStatus, "intfStatus", &Class::intfStatusColl, &Class::intfStatusIs,
+                   &Class::intfStatusDel},
+      Vex::Scalar{Class::kSrcAddr, "srcAddr", &Class::srcAddr, &Class::srcAddrIs},
+      Vex::Scalar{Class::kAggressiveDisable, "aggressiveDisable", &Class::aggressiveDisable,
+                  &Class::aggressiveDisableIs},
+      Vex::Collection{Class::kSysIntfExclude, "sysIntfExclude", &Class::sysIntfExcludeColl,
+                      &Class::sysIntfExcludeIs, &Class::sysIntfExcludeDel},
+      Vex::Scalar{Class::kRunning, "running", &Class::running, &Class::runningIs});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::Status::Status::kAttributes =
+    Vex::attributeInfos<Ringward::Status::Status>;

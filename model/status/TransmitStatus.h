@@ -14,7 +14,7 @@
 #include <optional>
 
 #include "model/status/IntfAndVlan.h"
-#include "runtime/vex/Entity.h"
+#include "runtime/vex/Description.h"
 #include "runtime/vex/LinkQueue.h"
 
 namespace Ringward::Status {
@@ -39,11 +39,7 @@ class TransmitStatus final : public Vex::EntityOf<TransmitStatus> {
   static constexpr Vex::AttributeId kHighPriority = 259;
   static constexpr Vex::AttributeId kRegularPriorityMetadata = 260;
   static constexpr Vex::AttributeId kRegularPriority = 261;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kHighPriorityMetadata, "highPriorityMetadata", Vex::AttributeKind::plain},
-      {kHighPriority, "highPriority", Vex::AttributeKind::queue},
-      {kRegularPriorityMetadata, "regularPriorityMetadata", Vex::AttributeKind::plain},
-      {kRegularPriority, "regularPriority", Vex::AttributeKind::queue}};
+  static const std::span<const Vex::AttributeInfo> kAttributes;
 
   using Queue = Vex::LinkQueue<IntfAndVlan>;
   using VexHighPriority = Queue::Member;
@@ -54,8 +50,8 @@ class TransmitStatus final : public Vex::EntityOf<TransmitStatus> {
   // The notification of one index of one queue.
   struct NotifyIndex {
     void (NotifieeConst::*handler)(std::uint32_t);
-    std::uint32_t index;
-    void operator()(NotifieeConst& notifiee) const { (notifiee.*handler)(index); }
+    std::uint32_t key;
+    void operator()(NotifieeConst& notifiee) const { (notifiee.*handler)(key); }
   };
   // A head that has been taken, and its notification, of which nothing has been delivered yet. The
   // taker delivers all of it.
@@ -132,3 +128,22 @@ inline Vex::Ptr<TransmitStatus> transmitStatusFactory(const Vex::Name& name) {
 }
 
 }  // namespace Ringward::Status
+
+template <>
+struct Vex::Description<Ringward::Status::TransmitStatus> {
+  using Class = Ringward::Status::TransmitStatus;
+  static constexpr std::string_view kTypeName = "Ringward::Status::TransmitStatus";
+  static constexpr auto kAttributes = std::tuple(
+      Vex::Scalar{Class::kHighPriorityMetadata, "highPriorityMetadata",
+                  &Class::highPriorityMetadata, &Class::highPriorityMetadataIs},
+      Vex::Queue{Class::kHighPriority, "highPriority", &Class::highPriority, &Class::highPriorityIs,
+                 &Class::highPriorityDel, &Class::highPriorityEnq, &Class::highPriorityDeq},
+      Vex::Scalar{Class::kRegularPriorityMetadata, "regularPriorityMetadata",
+                  &Class::regularPriorityMetadata, &Class::regularPriorityMetadataIs},
+      Vex::Queue{Class::kRegularPriority, "regularPriority", &Class::regularPriority,
+                 &Class::regularPriorityIs, &Class::regularPriorityDel, &Class::regularPriorityEnq,
+                 &Class::regularPriorityDeq});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::Status::TransmitStatus::kAttributes =
+    Vex::attributeInfos<Ringward::Status::TransmitStatus>;

@@ -10,10 +10,23 @@
 #include "runtime/bridging/VlanId.h"
 #include "runtime/portus/EthAddr.h"
 #include "runtime/portus/IntfId.h"
+#include "runtime/vex/DescribedValue.h"
 
 namespace Ringward {
 
 struct PacketEncapsulation {
+  constexpr PacketEncapsulation() noexcept = default;
+  constexpr PacketEncapsulation(const Portus::EthAddr& source, Bridging::VlanIdOrNone vlan,
+                                const Portus::IntfId& sender) noexcept
+      : mac(source), vlanId(vlan), senderIntfId(sender) {}
+  // The type object; to call it, include runtime/vex/GenericType.h.
+  template <class Self = PacketEncapsulation>
+  static Vex::VexType* _fwkType() {
+    return Vex::fwkTypeOf<Self>();
+  }
+  // Reads the text form; `at` ends behind it.
+  PacketEncapsulation(Vex::TextPlace& at, const Vex::TextPlace& end);
+
   Portus::EthAddr mac;
   Bridging::VlanIdOrNone vlanId;
   Portus::IntfId senderIntfId;
@@ -22,8 +35,26 @@ struct PacketEncapsulation {
   bool operator!() const noexcept { return *this == PacketEncapsulation(); }
 };
 
-// Writes Value('Ringward::PacketEncapsulation', ** {'mac': ..., 'vlanId': ..., 'senderIntfId':
-// ...}).
-std::ostream& operator<<(std::ostream& os, const PacketEncapsulation& value);
+}  // namespace Ringward
+
+template <>
+struct Vex::Description<Ringward::PacketEncapsulation> {
+  using Class = Ringward::PacketEncapsulation;
+  static constexpr std::string_view kTypeName = "Ringward::PacketEncapsulation";
+  static constexpr auto kFields =
+      std::tuple(Vex::Field{"mac", &Class::mac}, Vex::Field{"vlanId", &Class::vlanId},
+                 Vex::Field{"senderIntfId", &Class::senderIntfId});
+};
+
+namespace Ringward {
+
+using Vex::valueToStrep;
+
+inline PacketEncapsulation::PacketEncapsulation(Vex::TextPlace& at, const Vex::TextPlace& end) {
+  Vex::readDescribed(*this, at, end);
+}
+inline std::ostream& operator<<(std::ostream& out, const PacketEncapsulation& value) {
+  return Vex::writeStrep(out, value);
+}
 
 }  // namespace Ringward

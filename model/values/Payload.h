@@ -19,6 +19,11 @@ class Payload {
  public:
   static constexpr std::size_t kSize = 14;
 
+  // The type object; to call it, include runtime/vex/GenericType.h.
+  template <class Self = Payload>
+  static Vex::VexType* _fwkType() {
+    return Vex::fwkTypeOf<Self>();
+  }
   // REQUIRES: kSize bytes at `bytes`.
   static Payload* at(std::uint8_t* bytes) noexcept { return Portus::overlayAt<Payload>(bytes); }
   static const Payload* at(const std::uint8_t* bytes) noexcept {
@@ -49,3 +54,15 @@ static_assert(sizeof(Payload) == Payload::kSize && alignof(Payload) == 1);
 static_assert(std::is_trivially_copyable_v<Payload> && std::is_standard_layout_v<Payload>);
 
 }  // namespace Ringward
+
+// The numbers as they are meant, not as they stand on the wire.
+template <>
+struct Vex::Description<Ringward::Payload> {
+  using Class = Ringward::Payload;
+  static constexpr std::string_view kTypeName = "Ringward::Payload";
+  static constexpr auto kFields =
+      std::tuple(Vex::Field{"veltrixOui", &Class::veltrixOui, &Class::veltrixOuiIs},
+                 Vex::Field{"protocolId", &Class::protocolId, &Class::protocolIdIs},
+                 Vex::Field{"version", &Class::version, &Class::versionIs},
+                 Vex::Field{"senderIntfId", &Class::senderIntfId, &Class::senderIntfIdIs});
+};

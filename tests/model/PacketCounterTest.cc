@@ -34,6 +34,8 @@ TEST_F(PacketCounter, StartsEmpty) {
 TEST_F(PacketCounter, NamesItsCollections) {
   EXPECT_EQ(sut->attributeString(258), "counterVlan");
   EXPECT_EQ(sut->attributeString(259), "counterIntf");
+  EXPECT_EQ(sut->attributeString(260), "counterVlanControl");
+  EXPECT_EQ(sut->attributeString(261), "counterIntfControl");
   EXPECT_EQ(sut->attributeString(6), "isNondestructing");
   EXPECT_EQ(sut->attributeString(257), "unknown");
   EXPECT_EQ(sut->attributeString(262), "unknown");

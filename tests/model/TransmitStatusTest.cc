@@ -314,7 +314,7 @@ TEST_F(TransmitStatus, AttributesHaveTheirNumbersAndNames) {
 TEST_F(TransmitStatus, ARequestIsShownWithBothItsFields) {
   std::ostringstream os;
   os << pairOf(10);
-  EXPECT_EQ(os.str(), "intfId: eth1 vlanId: 10");
+  EXPECT_EQ(os.str(), "Value('Ringward::Status::IntfAndVlan', ** {'intfId': eth1, 'vlanId': 10})");
 }
 
 }  // namespace

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "model/generic/TableControl.h"
+
+#include <gtest/gtest.h>
+
+#include "model/generic/ModelTypes.h"
+#include "model/generic/PathAccess.h"
+#include "quill/QuillMap.h"
+#include "tests/runtime/ErrorOf.h"
+
+namespace {
+
+using Ringward::Generic::PathAccess;
+using Ringward::Generic::TableControl;
+using RuntimeTest::errorOf;
+using Vex::GenericIf;
+
+struct Nobody {
+  void notify(const Portus::IntfId& /*key*/) {}
+};
+using Map = Quill::QuillMap<Portus::IntfId, Ringward::Status::CounterIntf, Nobody>;
+
+class TableControlTest : public testing::Test {
+ protected:
+  PathAccess paths(bool isConst) {
+    return PathAccess({{"control", [this, isConst] { return Vex::genericIf(control, isConst); }}});
+  }
+  Vex::Ptr<Ringward::Status::PacketCounter> owner = Ringward::Status::packetCounterFactory("c");
+  Map map{"table", "t"};
+  Vex::Ptr<TableControl> control = Vex::makePtr<TableControl>(owner, map);
+};
+
+TEST_F(TableControlTest, AnAttributeThatCannotBeReadSaysWhyAndTheOthersAreListed) {
+  const auto nodes = paths(false).ls("control", 100);
+  ASSERT_EQ(nodes.size(), 15U);
+  EXPECT_EQ(nodes[2].name, "mountStatus");
+  EXPECT_EQ(nodes[2].text, "(QuillMap name: table used before init())");
+  EXPECT_EQ(nodes[8].text, "(mode: U32, isLocal: bool, size: U32)");
+  EXPECT_EQ(Vex::genericIf(control)->strRep(), "VexQuill::CollectionControl");
+}
+
+TEST_F(TableControlTest, ATableIsMountedAndAskedByName) {
+  auto sut = paths(false);
+  sut.call("control", "init", {{"mode", "0"}, {"isLocal", "true"}, {"size", "50"}});
+  map.write(Ringward::Status::CounterIntf(Portus::IntfId::fromName("eth1"), 1, 2, 3));
+  EXPECT_EQ(sut.get("control/maxSize"), "50");
+  EXPECT_EQ(map.members(), 1U);
+}
+
+TEST_F(TableControlTest, AModeThatIsNoneIsRefused) {
+  auto sut = paths(false);
+  EXPECT_EQ(errorOf<Vex::RangeException>([&] {
+              sut.call("control", "init", {{"", "4"}, {"", "true"}, {"", "50"}});
+            }),
+            "value 4 is out of range: 0 to 3 allowed");
+}
+
+TEST_F(TableControlTest, ThroughAConstInstanceNothingIsMounted) {
+  EXPECT_EQ(errorOf<GenericIf::ConstException>([&] {
+              paths(true).call("control", "init", {{"", "0"}, {"", "true"}, {"", "50"}});
+            }),
+            "attempting to modify a const instance");
+  EXPECT_THROW(map.members(), Sable::RuntimeException);
+}
+
+}  // namespace
