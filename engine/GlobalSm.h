@@ -57,6 +57,7 @@ class GlobalSm final : public Vex::Machine<GlobalSm> {
   explicit GlobalSm(const Arguments& arguments);
   ~GlobalSm() override;
 
+  const Arguments& arguments() const noexcept { return arguments_; }
   const Vex::Ptr<Config::Config const>& config() const noexcept { return arguments_.config; }
   const Vex::Ptr<Status::Status>& status() const noexcept { return arguments_.status; }
   const Vex::Ptr<Mlag::Status const>& mlagStatus() const noexcept { return arguments_.mlagStatus; }

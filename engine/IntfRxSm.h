@@ -20,6 +20,7 @@
 #include "runtime/errdisable/CauseStatus.h"
 #include "runtime/helm/TimerWheel.h"
 #include "runtime/portus/Pam.h"
+#include "runtime/vex/Description.h"
 #include "runtime/vex/HashMap.h"
 #include "runtime/vex/Machine.h"
 
@@ -71,6 +72,7 @@ class IntfRxSm final : public Vex::Machine<IntfRxSm>, public Vex::HashMapLink {
 
  private:
   friend class Vex::Machine<IntfRxSm>;
+  friend struct Vex::Description<IntfRxSm>;
 
   class VexBringIntfUpTimer final : public Vex::Reactor<IntfRxSm, Helm::TimerWheel> {
    public:

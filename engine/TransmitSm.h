@@ -61,6 +61,7 @@ class TransmitSm final : public Vex::Machine<TransmitSm> {
   double throttleTime() const { return throttleTimer_->timeMin(); }
   // Requests taken off either queue since the window began.
   std::uint32_t transmitCount() const noexcept { return transmitCount_; }
+  void transmitCountIs(std::uint32_t count) noexcept { transmitCount_ = count; }
   bool initialized() const noexcept { return initialized_; }
   GlobalSm* globalSm() const noexcept { return globalSm_; }
   // The owner goes; this machine may live on until a transmission under way has ended.

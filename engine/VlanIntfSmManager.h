@@ -65,6 +65,7 @@ class VlanIntfSmManager final : public Vex::Machine<VlanIntfSmManager> {
   Vex::Ptr<VlanSm> vlanSm(Bridging::VlanId vlanId) const {
     return Vex::Ptr<VlanSm>(vlanSm_.member(vlanId));
   }
+  const VlanSmMap& vlanSmColl() const noexcept { return vlanSm_; }
   VlanSmMap::IteratorConst vlanSmIteratorConst() const { return vlanSm_.iteratorConst(); }
   // Makes the machine or checks that the present one was made with these arguments.
   Vex::Ptr<VlanSm> vlanSmIs(Bridging::VlanId vlanId,
@@ -76,12 +77,14 @@ class VlanIntfSmManager final : public Vex::Machine<VlanIntfSmManager> {
   Vex::Ptr<IntfRxSm> intfRxSm(const Portus::IntfId& intfId) const {
     return Vex::Ptr<IntfRxSm>(intfRxSm_.member(intfId));
   }
+  const IntfRxSmMap& intfRxSmColl() const noexcept { return intfRxSm_; }
   IntfRxSmMap::IteratorConst intfRxSmIteratorConst() const { return intfRxSm_.iteratorConst(); }
 
   // The VLANs for which an interface is wanted, null for an interface that is not.
   Vex::Ptr<VlanSet> desiredIntfsWithVlan(const Portus::IntfId& intfId) const {
     return Vex::Ptr<VlanSet>(desiredIntfsWithVlan_.member(intfId));
   }
+  const VlanSetMap& desiredIntfsWithVlanColl() const noexcept { return desiredIntfsWithVlan_; }
   VlanSetMap::IteratorConst desiredIntfsWithVlanIteratorConst() const {
     return desiredIntfsWithVlan_.iteratorConst();
   }

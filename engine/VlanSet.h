@@ -8,8 +8,7 @@
 #include <cstdint>
 
 #include "runtime/portus/IntfId.h"
-#include "runtime/vex/Collection.h"
-#include "runtime/vex/Entity.h"
+#include "runtime/vex/Description.h"
 
 namespace Ringward {
 
@@ -27,9 +26,9 @@ class VlanSet final : public Vex::EntityOf<VlanSet>, public Vex::HashMapLink {
   // The number that no VLAN has: the interface stands under the engine's errdisable cause, which
   // keeps it, its receive machine and its way back alive when all VLANs have gone.
   static constexpr std::uint32_t kErrdisabled = 4095;
-  static constexpr Vex::AttributeId kVlan = kFirstOwnAttribute;
-  static constexpr Vex::AttributeInfo kAttributes[] = {
-      {kVlan, "vlan", Vex::AttributeKind::collection}};
+  static constexpr Vex::AttributeId kIntfId = 258;
+  static constexpr Vex::AttributeId kVlan = 259;
+  static const std::span<const Vex::AttributeInfo> kAttributes;
   using Vlans = Vex::ValueCollection<std::uint32_t, bool>;
 
   explicit VlanSet(const Portus::IntfId& intfId) : EntityOf(Vex::Name()), intfId_(intfId) {}
@@ -48,11 +47,13 @@ class VlanSet final : public Vex::EntityOf<VlanSet>, public Vex::HashMapLink {
   void vlanDel(std::uint32_t id) {
     if (vlan_.valueDel(id)) vlanNotify(id);
   }
+  const Vlans& vlanColl() const noexcept { return vlan_; }
   Vlans::IteratorConst vlanIteratorConst() const { return vlan_.iteratorConst(); }
 
  private:
   void vlanNotify(std::uint32_t id) {
-    notify(kVlan, [id](NotifieeConst& notifiee) { notifiee.onVlan(id); });
+    constexpr void (NotifieeConst::*kOnVlan)(std::uint32_t) = &NotifieeConst::onVlan;
+    notifyKey<kVlan, kOnVlan>(id);
   }
 
   const Portus::IntfId intfId_;
@@ -65,3 +66,15 @@ inline Vex::Ptr<VlanSet> vlanSetFactory(const Portus::IntfId& intfId) {
 }
 
 }  // namespace Ringward
+
+template <>
+struct Vex::Description<Ringward::VlanSet> {
+  using Class = Ringward::VlanSet;
+  static constexpr std::string_view kTypeName = "Ringward::VlanSet";
+  static constexpr auto kAttributes = std::tuple(
+      Vex::Scalar{Class::kIntfId, "intfId", &Class::intfId},
+      Vex::Collection{Class::kVlan, "vlan", &Class::vlanColl, &Class::vlanIs, &Class::vlanDel});
+};
+
+inline constexpr std::span<const Vex::AttributeInfo> Ringward::VlanSet::kAttributes =
+    Vex::attributeInfos<Ringward::VlanSet>;

@@ -55,6 +55,7 @@ class VlanSm final : public Vex::Machine<VlanSm>, public Vex::HashMapLink {
   Vex::Ptr<VlanIntfTxSm> vlanIntfTxSm(const Portus::IntfId& intfId) const {
     return Vex::Ptr<VlanIntfTxSm>(vlanIntfTxSm_.member(intfId));
   }
+  const VlanIntfTxSmMap& vlanIntfTxSmColl() const noexcept { return vlanIntfTxSm_; }
   VlanIntfTxSmMap::IteratorConst vlanIntfTxSmIteratorConst() const {
     return vlanIntfTxSm_.iteratorConst();
   }
