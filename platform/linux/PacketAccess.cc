@@ -8,6 +8,7 @@
 #include <deque>
 #include <utility>
 
+#include "engine/ProbeFrame.h"
 #include "runtime/vex/LogService.h"
 
 namespace Platform::Linux {
@@ -39,6 +40,22 @@ void add(PacketSocket::Statistics& sum, const PacketSocket::Statistics& more) {
   sum.sendErrors.other += more.sendErrors.other;
 }
 
+// Whether the engine will take the frame for a probe.
+bool isProbe(const Portus::Pkt& pkt) {
+  // VLAN 4095, for which the codec raises, is looked at here: a flood of such frames costs one
+  // exception each as it is.
+  const std::span<const std::uint8_t> bytes = pkt.bytes();
+  if (bytes.size() >= 16 && bytes[12] == 0x81 && bytes[13] == 0x00 && (bytes[14] & 0x0F) == 0x0F &&
+      bytes[15] == 0xFF) {
+    return false;
+  }
+  try {
+    return static_cast<bool>(Ringward::readProbe(pkt, {}).mac);
+  } catch (const Vex::RangeException&) {
+    return false;  // the same behind another type of tag
+  }
+}
+
 }  // namespace
 
 class LinuxPam final : public Portus::Pam {
@@ -47,12 +64,14 @@ class LinuxPam final : public Portus::Pam {
       : Pam(intfId),
         ifindex_(ifindex),
         access_(std::move(access)),
+        counts_(access_->totals_ != nullptr ? &access_->totals_->countsIs(intfId) : nullptr),
         carrier_(!access_->withoutCarrier_.contains(ifindex)) {
     access_->pamIs(ifindex_, *this);
   }
   ~LinuxPam() override {
     if (access_->lossListener_ != nullptr) access_->lossListener_->accessDel(intfId());
     access_->pamDel(ifindex_, *this);
+    if (counts_ != nullptr && access_->totals_ != nullptr) access_->totals_->countsDel(*counts_);
   }
 
   Vex::Ptr<Portus::Pkt> rxPkt() override {
@@ -65,7 +84,7 @@ class LinuxPam final : public Portus::Pam {
   void txPkt(const Vex::Ptr<Portus::Pkt>& pkt) override {
     if (!pkt || !access_->socket_) return;
     if (carrier_) {
-      access_->send(intfId(), ifindex_, pkt);
+      access_->send(*this, pkt);
     } else if (access_->lossListener_ != nullptr) {
       access_->lossListener_->probeLost(intfId(), *pkt);
     }
@@ -76,7 +95,13 @@ class LinuxPam final : public Portus::Pam {
     if (access_->lossListener_ != nullptr) access_->lossListener_->carrierUp(intfId());
   }
 
+  int ifindex() const noexcept { return ifindex_; }
+  PacketTotals::Counts* counts() const noexcept { return counts_; }
+
   void deliver(Vex::Ptr<Portus::Pkt> pkt) {
+    if (counts_ != nullptr && access_->totals_ != nullptr) {
+      access_->totals_->received(*counts_, isProbe(*pkt));
+    }
     if (waiting_.size() == kMaxWaiting) waiting_.pop_front();
     waiting_.push_back(std::move(pkt));
     readableCountInc();
@@ -85,6 +110,7 @@ class LinuxPam final : public Portus::Pam {
  private:
   const int ifindex_;
   const Vex::Ptr<PacketAccess> access_;
+  PacketTotals::Counts* const counts_;
   bool carrier_;
   std::deque<Vex::Ptr<Portus::Pkt>> waiting_;
 };
@@ -150,9 +176,8 @@ void PacketAccess::carrierIs(int ifindex, bool carrier) {
   pam->carrierIs(carrier);
 }
 
-void PacketAccess::send(const Portus::IntfId& intfId, int ifindex,
-                        const Vex::Ptr<Portus::Pkt>& pkt) {
-  waiting_.push_back({intfId, ifindex, pkt});
+void PacketAccess::send(const LinuxPam& pam, const Vex::Ptr<Portus::Pkt>& pkt) {
+  waiting_.push_back({&pam, pam.intfId(), pam.ifindex(), pam.counts(), pkt});
   if (waiting_.size() >= PacketSocket::kMostOutgoing) {
     flush();
   } else {
@@ -168,8 +193,11 @@ void PacketAccess::flush() {
   outgoing_.clear();
   for (const Waiting& entry : waiting) {
     outgoing_.push_back({entry.ifindex, entry.pkt->bytes()});
+    // Before a listener can end the Pam, whose counts they are.
+    if (entry.counts != nullptr && totals_ != nullptr) totals_->sent(*entry.counts);
   }
   socket_->send(outgoing_, [&](std::size_t position, std::error_code error) {
+    if (totals_ != nullptr) totals_->sendFailed(waiting[position].intfId);
     // Other failed sends are counted by the socket; there is nobody who could do more.
     if (error == std::errc::network_down && lossListener_ != nullptr) {
       lossListener_->probeLost(waiting[position].intfId, *waiting[position].pkt);
@@ -194,8 +222,9 @@ void PacketAccess::pamIs(int ifindex, LinuxPam& pam) { pams_[ifindex] = &pam; }
 void PacketAccess::pamDel(int ifindex, const LinuxPam& pam) noexcept {
   const auto at = pams_.find(ifindex);
   if (at != pams_.end() && at->second == &pam) pams_.erase(at);
-  // What it has not sent yet must not be told of as lost when nobody asks for it any more.
-  std::erase_if(waiting_, [ifindex](const Waiting& entry) { return entry.ifindex == ifindex; });
+  // What it has not sent yet must not be told of as lost when nobody asks for it any more. Its own:
+  // the interface may have another Pam by now.
+  std::erase_if(waiting_, [&pam](const Waiting& entry) { return entry.pam == &pam; });
   // Not from inside a batch: the socket is in use then and closes with the batch's end.
   if (pams_.empty() && !inBatch_) close();
 }

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "platform/linux/PacketSocket.h"
+#include "platform/linux/PacketTotals.h"
 #include "runtime/portus/Pam.h"
 #include "runtime/vex/ActivityManager.h"
 
@@ -80,6 +81,10 @@ class PacketAccess final : public Vex::VFPtrInterface,
 
   void floodListenerIs(FloodListener* listener) noexcept { floodListener_ = listener; }
 
+  // Who counts what is sent and received by the Pams that are opened from now on. Must outlive its
+  // use; null: nobody.
+  void totalsIs(PacketTotals* totals) noexcept { totals_ = totals; }
+
   // Whether the link can carry frames now. A link of which nothing was said is taken to.
   void carrierIs(int ifindex, bool carrier);
   void linkDel(int ifindex) { withoutCarrier_.erase(ifindex); }
@@ -103,7 +108,7 @@ class PacketAccess final : public Vex::VFPtrInterface,
   void onReadable() override;
   void fullTurn(bool full);
   void deliver(const ReceivedFrame& frame);
-  void send(const Portus::IntfId& intfId, int ifindex, const Vex::Ptr<Portus::Pkt>& pkt);
+  void send(const LinuxPam& pam, const Vex::Ptr<Portus::Pkt>& pkt);
   void flush();
   void run() override { flush(); }
   Vex::Ptr<Portus::Pam> newPam(const Portus::IntfId& intfId, int ifindex,
@@ -118,8 +123,10 @@ class PacketAccess final : public Vex::VFPtrInterface,
   std::unordered_map<int, LinuxPam*> pams_;
   // Sent with the end of the turn; the interface may have gone by then.
   struct Waiting {
+    const LinuxPam* pam;  // whose it is, not for use
     Portus::IntfId intfId;
     int ifindex;
+    PacketTotals::Counts* counts;  // null if nobody counts
     Vex::Ptr<Portus::Pkt> pkt;
   };
   std::vector<Waiting> waiting_;
@@ -127,6 +134,7 @@ class PacketAccess final : public Vex::VFPtrInterface,
   std::unordered_set<int> withoutCarrier_;
   LossListener* lossListener_ = nullptr;
   FloodListener* floodListener_ = nullptr;
+  PacketTotals* totals_ = nullptr;
   std::size_t fullTurns_ = 0;  // in a row, up to kFloodTurns
   bool inBatch_ = false;       // the socket is being read and must not close
   int deliveringTo_ = 0;

@@ -4,12 +4,14 @@
 #include "platform/linux/PacketAccess.h"
 
 #include <gtest/gtest.h>
+#include <linux/filter.h>
 #include <net/if.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
+#include "engine/ProbeFrame.h"
 #include "runtime/vex/EpollActivityManager.h"
 #include "tests/lab/Namespace.h"
 
@@ -48,9 +50,10 @@ class PacketAccessLab : public testing::Test {
       sut->lossListenerIs(nullptr);
     });
   }
-  static Vex::Ptr<Portus::Pam> newPam(PacketAccess& access, const std::string& name) {
+  static Vex::Ptr<Portus::Pam> newPam(PacketAccess& access, const std::string& name,
+                                      const Portus::PamConfig& config = {}) {
     const auto device = access.newDevice(static_cast<int>(::if_nametoindex(name.c_str())));
-    return device->newPam(Portus::IntfId::fromName(name), Portus::PamConfig{});
+    return device->newPam(Portus::IntfId::fromName(name), config);
   }
   static Vex::Ptr<Portus::Pkt> newFrame() {
     auto pkt = Portus::globalPktManager()->newPkt();
@@ -108,6 +111,68 @@ TEST_F(PacketAccessLab, WhatAPamHasNotSentGoesWithIt) {
     manager.runTurn(0);
     EXPECT_TRUE(losses.lost.empty()) << "nobody asks for it any more";
     EXPECT_EQ(sut.statistics().sent, 1U);
+  });
+}
+
+TEST_F(PacketAccessLab, WhatTheNextPamOfAnInterfaceHasNotSentStaysWhenTheOneBeforeGoes) {
+  inNamespace([](Vex::EpollActivityManager& manager, PacketAccess& sut, const Losses& losses) {
+    auto before = newPam(sut, "e0");
+    before->txPkt(newFrame());
+    const auto next = newPam(sut, "e0");
+    next->txPkt(newFrame());
+    next->txPkt(newFrame());
+    before.reset();
+    manager.runTurn(0);
+    EXPECT_EQ(sut.statistics().sent, 2U);
+    EXPECT_TRUE(losses.lost.empty());
+  });
+}
+
+TEST_F(PacketAccessLab, TheTotalsTellSentFromRefusedAndProbesFromOtherFrames) {
+  inNamespace([](Vex::EpollActivityManager& manager, PacketAccess& sut, const Losses&) {
+    const auto dir = Vex::makePtr<Ringward::Status::IntfTotalsDir>("packetAccess");
+    PacketTotals totals(dir, [&] { return sut.statistics(); });
+    sut.totalsIs(&totals);
+    // Nothing but the type of probes: the kernel sends frames of its own.
+    const sock_filter program[] = {{BPF_LD | BPF_H | BPF_ABS, 0, 0, 12},
+                                   {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, 0x88B7},
+                                   {BPF_RET | BPF_K, 0, 0, 0xFFFF},
+                                   {BPF_RET | BPF_K, 0, 0, 0}};
+    Portus::PamConfig config;
+    config.filter = Portus::PacketFilter(std::span(program));
+    auto near = newPam(sut, "e0", config);
+    auto far = newPam(sut, "e1", config);
+    near->txPkt(newFrame());
+    const auto probe = Portus::globalPktManager()->newPkt();
+    Ringward::writeProbe(
+        *probe, {Portus::EthAddr(2, 0, 0, 0, 0, 1), Bridging::VlanIdOrNone(1), near->intfId()},
+        Bridging::VlanIdOrNone(1));
+    near->txPkt(probe);
+    near->txPkt(probe);
+    const auto received = [&] {
+      totals.write();
+      const auto record = dir->intfTotals(far->intfId());
+      return record.probesReceived + record.malformed;
+    };
+    for (int turn = 0; turn < 100 && received() < 3; ++turn) manager.runTurn(0.05);
+    const auto ofNear = near->intfId();
+    const auto ofFar = far->intfId();
+    EXPECT_EQ(dir->intfTotals(ofNear), (Ringward::Status::IntfTotals{ofNear, 3, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(dir->intfTotals(ofFar), (Ringward::Status::IntfTotals{ofFar, 0, 0, 2, 0, 1, 0}));
+    Lab::shell("ip link set e0 down");
+    near->txPkt(probe);
+    manager.runTurn(0);
+    totals.write();
+    EXPECT_EQ(dir->intfTotals(ofNear), (Ringward::Status::IntfTotals{ofNear, 3, 1, 0, 0, 0, 0}));
+    // One more that waits when its Pam ends is neither.
+    near->txPkt(probe);
+    near.reset();
+    far.reset();
+    manager.runTurn(0);
+    totals.write();
+    EXPECT_EQ(dir->intfTotals(ofNear).probesSent, 3U);
+    EXPECT_EQ(dir->intfTotals(ofNear).sendErrors, 1U);
+    sut.totalsIs(nullptr);
   });
 }
 
