@@ -13,8 +13,13 @@
 //  3. Every interface name satisfies isInterfaceName(), every pattern PortMatch::isPattern(); all
 //     are UTF-8, and no list holds the same text twice.
 //  4. nativeVlan is 1 to 4094; transmitInterval is 0 to 255; stateFile is empty or the absolute
-//     path of a file, without a '/' at its end.
-//  5. A fixed source address is a unicast address and not zero.
+//     path of a file, without a '/' at its end and without NUL.
+//  5. The root of tables is empty or an absolute path without a component ".."; the sizes of tables
+//     are kLeastTableSize to kMostTableSize.
+//  6. The path of the control socket is empty or absolute, does not end with '/' and fits into an
+//     address; the group is empty or a name of at most kMaxGroupName bytes without NUL;
+//     maxClients is kLeastClients to kMostClients.
+//  7. A fixed source address is a unicast address and not zero.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +32,7 @@
 #include "agent/Scheduling.h"
 #include "platform/linux/LinkDirectory.h"
 #include "platform/linux/PortAction.h"
+#include "platform/linux/control/Protocol.h"
 #include "runtime/bridging/VlanBitmap.h"
 
 namespace Agent {
@@ -47,6 +53,34 @@ struct Ports {
   friend bool operator==(const Ports&, const Ports&) = default;
 };
 
+inline constexpr std::uint32_t kLeastTableSize = 1;
+inline constexpr std::uint32_t kMostTableSize = 65536;
+
+// Where the tables of counters are and for how many records they are made. A table that holds more
+// grows.
+struct Counters {
+  bool shared = true;              // other processes can read them
+  std::string root;                // absolute; empty: the store's own default
+  std::uint32_t interfaces = 256;  // the totals of no more than these are kept
+  std::uint32_t vlans = 4096;
+
+  friend bool operator==(const Counters&, const Counters&) = default;
+};
+
+inline constexpr std::uint32_t kLeastClients = 1;
+inline constexpr std::uint32_t kMostClients = 1024;
+inline constexpr std::size_t kMaxSocketPath = 107;  // sockaddr_un, without the NUL
+inline constexpr std::size_t kMaxGroupName = 255;
+
+// The socket by which the operator's command and others reach the agent.
+struct Control {
+  std::string socket = Platform::Linux::Control::kDefaultSocket;  // absolute; empty: none
+  std::string group = "ringward";  // whose members may change things; empty: root alone
+  std::uint32_t maxClients = 32;
+
+  friend bool operator==(const Control&, const Control&) = default;
+};
+
 struct Configuration {
   bool enabled = false;
   Bridging::VlanBitmap vlans;
@@ -60,6 +94,8 @@ struct Configuration {
   ErrdisableAction errdisableAction = ErrdisableAction::automatic;
   bool acceptForeignSource = false;
   SourceAddress sourceAddress;
+  Counters counters;
+  Control control;
 
   friend bool operator==(const Configuration&, const Configuration&) = default;
 };
