@@ -11,6 +11,10 @@
 #include "agent/StatusReport.h"
 #include "runtime/vex/LogService.h"
 
+#ifndef RINGWARD_VERSION
+#define RINGWARD_VERSION "0.1"
+#endif
+
 namespace Agent {
 
 namespace PL = Platform::Linux;
@@ -27,18 +31,12 @@ const Vex::LogHandle RINGWARD_HELD_FILE(
     "hand.",
     "Make the directory of state-file writable for the agent, or choose another.", 0.0, 1.0, 0);
 
-PL::PortSelection portSelection(const Configuration& configuration) {
-  PL::PortSelection selection;
-  selection.vlans = configuration.vlans;
-  if (!configuration.ports) return selection;
-  selection.bridge = configuration.ports->bridge;
-  selection.nativeVlan = Bridging::VlanIdOrNone(configuration.ports->nativeVlan);
-  if (selection.bridge.empty()) {
-    selection.match = [match = PortMatch(configuration.ports->match)](std::string_view name) {
-      return match.matches(name);
-    };
+Bridging::VlanBitmap enabledVlans(const Ringward::Config::Config& config) {
+  Bridging::VlanBitmap vlans;
+  for (auto vlan = config.vlanEnabledIteratorConst(); vlan; ++vlan) {
+    if (config.vlanEnabled(vlan.key())) vlans.set(vlan.key());
   }
-  return selection;
+  return vlans;
 }
 
 }  // namespace
@@ -145,18 +143,26 @@ RingwardAgent::RingwardAgent(Vex::ActivityManager& manager, const Configuration&
           Vex::makePtr<Interface::AllIntfStatusLocalDir>("allIntfStatusLocalDir")),
       ringwardCause_(Vex::makePtr<Errdisable::CauseStatus>("ringward")),
       packetCounter_(Ringward::Status::packetCounterFactory("packetCounter")),
+      intfTotalsDir_(Vex::makePtr<Ringward::Status::IntfTotalsDir>("packetAccess")),
       timerWheel_(Vex::makePtr<Helm::TimerWheel>(Vex::makePtr<Vex::ActivityConfig>(manager),
                                                  nullptr, kTickMsecs, kTicks, true, kTicks)),
       access_(Vex::makePtr<PL::PacketAccess>(manager, !configuration.acceptForeignSource)),
+      counterTables_(std::make_unique<CounterTables>(
+          packetCounter_, intfTotalsDir_, [this] { packetTotals_->handleTableMounted(); })),
+      packetTotals_(std::make_unique<PL::PacketTotals>(intfTotalsDir_,
+                                                       [this] { return access_->statistics(); })),
       report_(status_, brConfig_, *access_, output_),
       lostProbes_(brConfig_, [this](const Portus::IntfId& intfId, Bridging::VlanId vlanId) {
         resend(intfId, vlanId);
       }) {
   access_->lossListenerIs(&lostProbes_);
   access_->floodListenerIs(&scheduling_);
+  access_->totalsIs(packetTotals_.get());
 }
 
 RingwardAgent::~RingwardAgent() {
+  agentControl_.reset();
+  follower_.reset();
   stop();
   ready_.reset();
   selfCheck_.reset();
@@ -165,6 +171,7 @@ RingwardAgent::~RingwardAgent() {
   if (directory_) directory_->errdisableIs(nullptr);
   access_->lossListenerIs(nullptr);
   access_->floodListenerIs(nullptr);
+  access_->totalsIs(nullptr);
 }
 
 std::optional<RingwardAgent::StartError> RingwardAgent::start() {
@@ -175,13 +182,14 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
     return StartError{"cannot open rtnetlink", error};
   }
   applyScheduling();
-  applyConfiguration();
+  applyCounters();
+  applyConfiguration(nullptr);
   actions_ = std::make_unique<Actions>(control_);
   holds_ = std::make_unique<Holds>(*this);
   directory_ = std::make_unique<PL::LinkDirectory>(
       PL::DirectoryEntities{allIntfStatusDir_, allIntfStatusLocalDir_, ethIntfStatusDir_, brConfig_,
                             brTopoConfig_, brTopoStatus_},
-      access_, portSelection(configuration_));
+      access_, portSelection());
   directory_->sourceAddressIs(configuration_.sourceAddress);
   errdisable_ = Vex::makePtr<PL::Errdisable>(ringwardCause_, timerWheel_, *actions_, *directory_,
                                              *holds_, configuration_.errdisableAction);
@@ -203,7 +211,39 @@ std::optional<RingwardAgent::StartError> RingwardAgent::start() {
                                            [this] { return errdisable_->verify(); });
   ready_ = std::make_unique<Ready>(*this);
   ready_->schedule();
+  newControl();
   return std::nullopt;
+}
+
+void RingwardAgent::newControl() {
+  follower_ = Vex::makePtr<ConfigFollower>(manager_, config_, [this] { handleConfigChanged(); });
+  agentControl_ = std::make_unique<AgentControl>(
+      manager_,
+      TreeService::Roots{config_, status_, transmitStatus_, packetCounter_,
+                         [this] { return globalSm_; }},
+      "ringwardd " RINGWARD_VERSION, output_);
+  agentControl_->configurationIs(configuration_.control);
+}
+
+PL::PortSelection RingwardAgent::portSelection() const {
+  PL::PortSelection selection;
+  selection.vlans = enabledVlans(*config_);
+  if (!configuration_.ports) return selection;
+  selection.bridge = configuration_.ports->bridge;
+  selection.nativeVlan = Bridging::VlanIdOrNone(configuration_.ports->nativeVlan);
+  if (selection.bridge.empty()) {
+    selection.match = [match = PortMatch(configuration_.ports->match)](std::string_view name) {
+      return match.matches(name);
+    };
+  }
+  return selection;
+}
+
+// The ports of a bridge that does not filter carry the VLANs that are enabled, whoever enabled
+// them.
+void RingwardAgent::handleConfigChanged() {
+  directory_->selectionIs(portSelection());
+  selfCheck_->wake();
 }
 
 void RingwardAgent::stop() {
@@ -218,49 +258,73 @@ void RingwardAgent::applyScheduling() {
           "): a storm may delay the cut by several milliseconds");
 }
 
-void RingwardAgent::applyConfiguration() {
+void RingwardAgent::applyCounters() {
+  packetTotals_->mostInterfacesIs(configuration_.counters.interfaces);
+  counterTables_->configurationIs(configuration_.counters);
+}
+
+void RingwardAgent::applyConfiguration(const Configuration* before) {
+  const Configuration& now = configuration_;
+  const auto differs = [&](auto key) { return before == nullptr || before->*key != now.*key; };
+  const bool enabledDiffers = differs(&Configuration::enabled);
   // What goes, goes first; what comes, comes last and finds everything in place.
-  if (!configuration_.enabled) config_->globalEnabledIs(false);
-  const auto intf = config_->globalIntfConfigIs("globalIntfConfig");
-  intf->transmitIntervalIs(static_cast<std::uint8_t>(configuration_.transmitInterval));
-  intf->disabledTimeIs(configuration_.disabledTime);
-  config_->transmitConfigIs("transmitConfig")->rateLimitIs(configuration_.rateLimit);
-  for (auto vlan = config_->vlanEnabledIteratorConst(); vlan; ++vlan) {
-    const Bridging::VlanId vlanId = vlan.key();
-    if (!configuration_.vlans.test(vlanId.value())) config_->vlanEnabledDel(vlanId);
+  if (enabledDiffers && !now.enabled) config_->globalEnabledIs(false);
+  const auto child = [](const auto& present, const auto& make) {
+    return present ? present : make();
+  };
+  const auto intf = child(config_->globalIntfConfig(),
+                          [this] { return config_->globalIntfConfigIs("globalIntfConfig"); });
+  const auto transmit = child(config_->transmitConfig(),
+                              [this] { return config_->transmitConfigIs("transmitConfig"); });
+  if (differs(&Configuration::transmitInterval)) {
+    intf->transmitIntervalIs(static_cast<std::uint8_t>(now.transmitInterval));
   }
-  configuration_.vlans.forEach(
-      [this](std::uint16_t vlan) { config_->vlanEnabledIs(Bridging::VlanId(vlan), true); });
-  std::set<Portus::IntfId> exclude;
-  for (const std::string& name : configuration_.exclude) {
-    exclude.insert(Portus::IntfId::fromName(name));
-  }
-  for (auto intfId = config_->intfExcludeIteratorConst(); intfId; ++intfId) {
-    const Portus::IntfId id = intfId.key();
+  if (differs(&Configuration::disabledTime)) intf->disabledTimeIs(now.disabledTime);
+  if (differs(&Configuration::rateLimit)) transmit->rateLimitIs(now.rateLimit);
+  const Bridging::VlanBitmap had = before != nullptr ? before->vlans : Bridging::VlanBitmap();
+  (had - now.vlans).forEach([this](std::uint16_t vlan) {
+    config_->vlanEnabledDel(Bridging::VlanId(vlan));
+  });
+  (now.vlans - had).forEach([this](std::uint16_t vlan) {
+    config_->vlanEnabledIs(Bridging::VlanId(vlan), true);
+  });
+  const auto idsOf = [](const Configuration* of) {
+    std::set<Portus::IntfId> ids;
+    if (of == nullptr) return ids;
+    for (const std::string& name : of->exclude) ids.insert(Portus::IntfId::fromName(name));
+    return ids;
+  };
+  const std::set<Portus::IntfId> excluded = idsOf(before);
+  const std::set<Portus::IntfId> exclude = idsOf(&now);
+  for (const Portus::IntfId& id : excluded) {
     if (!exclude.contains(id)) config_->intfExcludeDel(id);
   }
-  for (const Portus::IntfId& intfId : exclude) config_->intfExcludeIs(intfId, true);
-  config_->globalEnabledIs(configuration_.enabled);
+  for (const Portus::IntfId& id : exclude) {
+    if (!excluded.contains(id)) config_->intfExcludeIs(id, true);
+  }
+  if (enabledDiffers) config_->globalEnabledIs(now.enabled);
 }
 
 void RingwardAgent::reload(const Configuration& configuration) {
+  agentControl_->configurationIs(configuration.control);
   if (configuration == configuration_) {
     output_("reloaded: nothing has changed");
     return;
   }
-  const std::string stateFile = std::exchange(configuration_, configuration).stateFile;
+  const Configuration before = std::exchange(configuration_, configuration);
   errdisable_->actionIs(configuration_.errdisableAction);
   access_->guardSourceIs(!configuration_.acceptForeignSource);
-  if (configuration_.stateFile != stateFile) {
+  if (configuration_.stateFile != before.stateFile) {
     // What the old file says would be taken up by a run that reads it again.
     static_cast<void>(heldFile_->write({}));
     heldFile_ = std::make_unique<HeldFile>(configuration_.stateFile);
     holds_->schedule();
   }
   applyScheduling();
-  applyConfiguration();
+  applyCounters();
+  applyConfiguration(&before);
   directory_->sourceAddressIs(configuration_.sourceAddress);
-  directory_->selectionIs(portSelection(configuration_));
+  directory_->selectionIs(portSelection());
   selfCheck_->wake();
   output_("reloaded");
   ready_->schedule();
@@ -349,23 +413,22 @@ void RingwardAgent::writeHolds() {
 void RingwardAgent::reportReady() {
   const std::size_t pairs = countPairs(*globalSm_);
   std::ostringstream line;
-  line << "ready: " << directory_->ports() << " ports, " << configuration_.vlans.count()
+  line << "ready: " << directory_->ports() << " ports, " << enabledVlans(*config_).count()
        << " VLANs, " << pairs << " pairs to probe";
-  if (!configuration_.enabled) line << "; detection is not enabled";
-  double cycle = configuration_.transmitInterval;
-  if (configuration_.rateLimit != 0) {
-    cycle = std::max(cycle, static_cast<double>(pairs) / configuration_.rateLimit);
-  }
+  if (!config_->globalEnabled()) line << "; detection is not enabled";
+  const std::uint32_t interval = config_->globalIntfConfig()->transmitInterval();
+  const std::uint32_t rateLimit = config_->transmitConfig()->rateLimit();
+  double cycle = interval;
+  if (rateLimit != 0) cycle = std::max(cycle, static_cast<double>(pairs) / rateLimit);
   char seconds[32] = "";
   std::snprintf(seconds, sizeof seconds, "%.1f", cycle);
   line << "; one full probe cycle takes " << seconds << " s";
   output_(line.str());
-  if (cycle > configuration_.transmitInterval) {
+  if (cycle > interval) {
     std::ostringstream warning;
-    warning << "warning: " << pairs << " pairs at rate-limit " << configuration_.rateLimit
-            << " take " << seconds << " s, longer than transmit-interval "
-            << configuration_.transmitInterval << " s: a loop is found within " << seconds
-            << " s, not within the interval";
+    warning << "warning: " << pairs << " pairs at rate-limit " << rateLimit << " take " << seconds
+            << " s, longer than transmit-interval " << interval << " s: a loop is found within "
+            << seconds << " s, not within the interval";
     output_(warning.str());
   }
 }

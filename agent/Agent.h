@@ -17,9 +17,12 @@
 #include <vector>
 
 #include "agent/Configuration.h"
+#include "agent/CounterTables.h"
 #include "agent/HeldFile.h"
 #include "agent/LoopReport.h"
 #include "agent/SelfCheck.h"
+#include "agent/control/AgentControl.h"
+#include "agent/control/ConfigFollower.h"
 #include "engine/GlobalSm.h"
 #include "platform/linux/Errdisable.h"
 #include "platform/linux/LinkControl.h"
@@ -27,6 +30,7 @@
 #include "platform/linux/LinkService.h"
 #include "platform/linux/LostProbes.h"
 #include "platform/linux/PacketAccess.h"
+#include "platform/linux/PacketTotals.h"
 #include "runtime/helm/TimerWheel.h"
 #include "runtime/vex/ActivityManager.h"
 
@@ -49,8 +53,9 @@ class RingwardAgent final {
   };
   std::optional<StartError> start();
 
-  // Takes another configuration in place of the present one. Only what differs reaches the
-  // entities, all of it before this returns; what is held stays held by the action that holds it.
+  // Takes another configuration in place of the present one. Only what differs between the two
+  // reaches the entities, all of it before this returns: what clients have changed stays otherwise,
+  // and what is held stays held by the action that holds it.
   // REQUIRES: start() has succeeded.
   void reload(const Configuration& configuration);
 
@@ -66,8 +71,13 @@ class RingwardAgent final {
   class Ready;
   class Holds;
 
-  void applyConfiguration();
+  // `before` is the configuration that the entities have had; null: none.
+  void applyConfiguration(const Configuration* before);
+  Platform::Linux::PortSelection portSelection() const;
+  void handleConfigChanged();
+  void newControl();
   void applyScheduling();
+  void applyCounters();
   void adoptHolds();
   void resumeHolds();
   void releaseStrays();
@@ -93,9 +103,15 @@ class RingwardAgent final {
   const Vex::Ptr<Errdisable::CauseStatus> ringwardCause_;
   const Vex::Ptr<Ringward::Status::PacketCounter> packetCounter_;
 
+  // What the platform counts beside the engine.
+  const Vex::Ptr<Ringward::Status::IntfTotalsDir> intfTotalsDir_;
+
   // For retries and checks of the platform; the engine has its own.
   const Vex::Ptr<Helm::TimerWheel> timerWheel_;
   const Vex::Ptr<Platform::Linux::PacketAccess> access_;
+  // Both outlive whatever counts.
+  std::unique_ptr<CounterTables> counterTables_;
+  std::unique_ptr<Platform::Linux::PacketTotals> packetTotals_;
   ProcessScheduling scheduling_;
   LoopReport report_;
   Platform::Linux::LostProbes lostProbes_;
@@ -111,6 +127,8 @@ class RingwardAgent final {
   Vex::Ptr<Ringward::GlobalSm> globalSm_;
   std::unique_ptr<SelfCheck> selfCheck_;
   std::unique_ptr<Ready> ready_;
+  Vex::Ptr<ConfigFollower> follower_;
+  std::unique_ptr<AgentControl> agentControl_;
 };
 
 }  // namespace Agent
