@@ -1,0 +1,19 @@
+// SPDX-License-Identifier: Apache-2.0
+//
+// RingwardCli::run: one run of ringward, from its arguments to its exit status. main() adds nothing
+// but the loop.
+#pragma once
+
+#include <ostream>
+
+#include "runtime/vex/EpollActivityManager.h"
+
+namespace RingwardCli {
+
+// Turns `loop` while it waits for the agent; whatever else is on the loop goes on meanwhile. Raises
+// nothing that the command line, the agent or a table can cause. One thread, not from a turn of the
+// loop; the streams stay the caller's.
+int run(int argc, const char* const* argv, Vex::EpollActivityManager& loop, std::ostream& out,
+        std::ostream& err);
+
+}  // namespace RingwardCli
