@@ -14,9 +14,9 @@
 
 #include "fuzz/Input.h"
 #include "fuzz/QuillTable.h"
+#include "fuzz/TableRun.h"
 #include "quill/QuillMap.h"
 #include "runtime/sable/Exceptions.h"
-#include "runtime/vex/VirtualActivityManager.h"
 
 namespace {
 
@@ -31,9 +31,7 @@ using Fuzz::tableRecord;
 using Quill::QuillType;
 
 constexpr unsigned kSteps = 64;
-// Turns that a loop may take to come to rest, and entries of an iteration: far above what the
-// longest file that an edit makes can cause.
-constexpr unsigned kMaxTurns = 2'000;
+// Entries of an iteration: above what the longest file that an edit makes has room for.
 constexpr unsigned kMaxEntries = 4'000;
 constexpr std::uint32_t kMaxRetries = 100;
 
@@ -87,11 +85,10 @@ TableContent contentOf(const Table& table) {
   return content;
 }
 
-class Run {
+class Run : private Fuzz::TableRun {
  public:
-  Run(const QuillTable& table, Input& input) : table_(table), input_(input) {
-    const QuillTable::Shape& shape = input.oneOf(table.shapes());
-    table.put(shape);
+  Run(const QuillTable& table, Input& input) : TableRun(table, input) {
+    const QuillTable::Shape& shape = shapePut();
     content_ = shape.content;
     takenOver_ = shape.takenOver;
   }
@@ -253,12 +250,6 @@ class Run {
     if (actor != kWriter) require(table.readerCounters().readRetries < kMaxRetries);
   }
 
-  // Nobody stores while the loop runs, so it comes to rest; and what it raises would end a program.
-  void settle() {
-    unsigned turns = 0;
-    while (loop_.runTurn()) require(++turns < kMaxTurns);
-  }
-
   // A writer that comes afterwards: either it says why it cannot, or all is well.
   void recover() {
     Writer writer(handler_, table_.path().c_str(), Fuzz::kTableSize, false, "Fuzz");
@@ -292,11 +283,6 @@ class Run {
     return table_.u32(1, 16) == Quill::BucketTable::bucketsFor(Fuzz::kTableSize, Mem::pageSize_);
   }
 
-  const QuillTable& table_;
-  Input& input_;
-  Vex::VirtualActivityManager loop_;
-  Vex::CurrentActivityManager current_{loop_};
-  Sable::Platform::DebugHandler handler_{"fuzz"};
   Listener listener_;
   TableContent content_;
   bool takenOver_ = true;

@@ -19,11 +19,11 @@
 
 #include "fuzz/Input.h"
 #include "fuzz/QuillTable.h"
+#include "fuzz/TableRun.h"
 #include "quill/KickMessage.h"
 #include "quill/QuillShadow.h"
 #include "quill/QuillWriter.h"
 #include "runtime/sable/Exceptions.h"
-#include "runtime/vex/VirtualActivityManager.h"
 
 namespace {
 
@@ -37,7 +37,6 @@ using Fuzz::tableRecord;
 using Writer = Quill::QuillWriter<TableKey, TableRecord>;
 
 constexpr unsigned kSteps = 64;
-constexpr unsigned kMaxTurns = 2'000;
 constexpr std::size_t kPeers = 4;
 
 // A socket of the fuzzer's, that never waits.
@@ -143,9 +142,9 @@ void say(const Peer& peer, Input& input, std::uint64_t last) {
 }
 
 // A writer, an honest reader and some that are not.
-class WriterRun {
+class WriterRun : private Fuzz::TableRun {
  public:
-  WriterRun(const QuillTable& table, Input& input) : table_(table), input_(input) {
+  WriterRun(const QuillTable& table, Input& input) : TableRun(table, input) {
     table.put(table.shapes()[1]);
     writer_ =
         std::make_unique<Writer>(handler_, table.path().c_str(), Fuzz::kTableSize, false, "Fuzz");
@@ -213,28 +212,17 @@ class WriterRun {
   void write(std::uint32_t key, std::uint32_t number) {
     writer_->write(tableRecord(key, number), true);
   }
-  void settle() {
-    unsigned turns = 0;
-    while (loop_.runTurn()) require(++turns < kMaxTurns);
-  }
 
-  const QuillTable& table_;
-  Input& input_;
-  Vex::VirtualActivityManager loop_;
-  Vex::CurrentActivityManager current_{loop_};
-  Sable::Platform::DebugHandler handler_{"fuzz"};
   std::unique_ptr<Writer> writer_;
   Handle honest_;
   std::array<Peer, kPeers> peers_;
 };
 
 // A shadow over a table whose writer says anything.
-class ReaderRun {
+class ReaderRun : private Fuzz::TableRun {
  public:
-  ReaderRun(const QuillTable& table, Input& input) : table_(table), input_(input) {
-    const QuillTable::Shape& shape = input.oneOf(table.shapes());
-    table.put(shape);
-    content_ = shape.content;
+  ReaderRun(const QuillTable& table, Input& input) : TableRun(table, input) {
+    content_ = shapePut().content;
     if (input.flag()) listening_ = Peer::listening(table.path() + "/kick");
     handle_.shadow = std::make_unique<Handle::Shadow>(handler_, table.path().c_str(), &handle_,
                                                       input.flag() ? 1U : 0U);
@@ -311,16 +299,7 @@ class ReaderRun {
         if (writer_.open()) say(writer_, input_, handle_.shadow->sequence());
     }
   }
-  void settle() {
-    unsigned turns = 0;
-    while (loop_.runTurn()) require(++turns < kMaxTurns);
-  }
 
-  const QuillTable& table_;
-  Input& input_;
-  Vex::VirtualActivityManager loop_;
-  Vex::CurrentActivityManager current_{loop_};
-  Sable::Platform::DebugHandler handler_{"fuzz"};
   Handle handle_;
   Fuzz::TableContent content_;
   Peer listening_;

@@ -91,6 +91,7 @@ class File {
 
 QuillTable::QuillTable() {
   const char* const place = getenv("TMPDIR");
+  // The six X are for mkdtemp(3) to fill in.
   root_ = std::string(place != nullptr ? place : "/dev/shm") + "/quill-fuzz-XXXXXX";
   require(mkdtemp(root_.data()) != nullptr);
   path_ = root_ + "/t";
