@@ -82,6 +82,7 @@ inline const std::string& tableRoot() {
   static const struct Root {
     Root() : owner(getpid()) {
       const char* const shm = "/dev/shm";
+      // The six X are for mkdtemp(3) to fill in.
       std::string pattern =
           (std::filesystem::exists(shm) ? std::string(shm)
                                         : std::filesystem::temp_directory_path().string()) +
