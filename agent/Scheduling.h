@@ -6,7 +6,7 @@
 // comes (sched(7)).
 //
 // A real-time process that has work without end would starve the rest of the machine, so the right
-// is given back while frames flood in and taken again when the queue has been read to its end.
+// is given back while frames flood in and taken again when that is over (FloodMeter).
 //
 // Activity thread only. Threads and processes made later do not inherit what is set here.
 #pragma once
@@ -15,7 +15,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "platform/linux/PacketAccess.h"
+#include "platform/linux/FloodMeter.h"
 
 namespace Agent {
 
@@ -29,7 +29,7 @@ enum class Scheduling : unsigned char {
 std::string_view schedulingName(Scheduling scheduling);
 std::optional<Scheduling> schedulingOf(std::string_view name);
 
-class ProcessScheduling final : public Platform::Linux::PacketAccess::FloodListener {
+class ProcessScheduling final : public Platform::Linux::FloodMeter::Listener {
  public:
   // Gives the process what is asked for. The error is the kernel's, EPERM as a rule; the process
   // goes on as it was then.

@@ -130,7 +130,7 @@ class LinuxDevice final : public Portus::Device {
 };
 
 PacketAccess::PacketAccess(Vex::ActivityManager& manager, bool guardSource)
-    : DeferredTask(manager), manager_(manager), guardSource_(guardSource) {}
+    : DeferredTask(manager), manager_(manager), guardSource_(guardSource), flood_(manager) {}
 
 PacketAccess::~PacketAccess() { close(); }
 
@@ -209,7 +209,6 @@ void PacketAccess::flush() {
 
 void PacketAccess::close() noexcept {
   if (!socket_) return;
-  fullTurn(false);
   waiting_.clear();  // of interfaces that have gone
   cancel();
   manager_.readableDel(socket_->fd());
@@ -254,15 +253,8 @@ void PacketAccess::onReadable() {
   const std::size_t read =
       socket_->receiveBatch([this](const ReceivedFrame& frame) { deliver(frame); }, kFramesPerTurn);
   inBatch_ = false;
-  fullTurn(read == kFramesPerTurn);
+  flood_.turn(read, read == kFramesPerTurn);
   if (pams_.empty()) close();
-}
-
-void PacketAccess::fullTurn(bool full) {
-  const bool before = fullTurns_ == kFloodTurns;
-  fullTurns_ = full ? std::min(fullTurns_ + 1, kFloodTurns) : 0;
-  const bool flood = fullTurns_ == kFloodTurns;
-  if (flood != before && floodListener_ != nullptr) floodListener_->floodIs(flood);
 }
 
 void PacketAccess::deliver(const ReceivedFrame& frame) {

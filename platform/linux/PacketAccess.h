@@ -24,6 +24,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/linux/FloodMeter.h"
 #include "platform/linux/PacketSocket.h"
 #include "platform/linux/PacketTotals.h"
 #include "runtime/portus/Pam.h"
@@ -51,17 +52,6 @@ class PacketAccess final : public Vex::VFPtrInterface,
     virtual void accessDel(const Portus::IntfId& intfId) = 0;
   };
 
-  // Full turns in a row that make a flood.
-  static constexpr std::size_t kFloodTurns = 64;
-
-  // Whoever wants to know that frames come faster than they are read.
-  class FloodListener {
-   public:
-    virtual ~FloodListener() = default;
-    // True after kFloodTurns full turns in a row, false when the queue has been read to its end.
-    virtual void floodIs(bool flood) = 0;
-  };
-
   // `guardSource`: deliver only frames that carry the address given to sourceIs().
   PacketAccess(Vex::ActivityManager& manager, bool guardSource);
   ~PacketAccess() override;
@@ -79,7 +69,8 @@ class PacketAccess final : public Vex::VFPtrInterface,
   // Must outlive its use; null: nobody.
   void lossListenerIs(LossListener* listener) noexcept { lossListener_ = listener; }
 
-  void floodListenerIs(FloodListener* listener) noexcept { floodListener_ = listener; }
+  // Whoever wants to know that frames flood in.
+  void floodListenerIs(FloodMeter::Listener* listener) noexcept { flood_.listenerIs(listener); }
 
   // Who counts what is sent and received by the Pams that are opened from now on. Must outlive its
   // use; null: nobody.
@@ -106,7 +97,6 @@ class PacketAccess final : public Vex::VFPtrInterface,
   void close() noexcept;
   void guard();
   void onReadable() override;
-  void fullTurn(bool full);
   void deliver(const ReceivedFrame& frame);
   void send(const LinuxPam& pam, const Vex::Ptr<Portus::Pkt>& pkt);
   void flush();
@@ -133,10 +123,9 @@ class PacketAccess final : public Vex::VFPtrInterface,
   std::vector<OutgoingFrame> outgoing_;  // of waiting_, while it is sent
   std::unordered_set<int> withoutCarrier_;
   LossListener* lossListener_ = nullptr;
-  FloodListener* floodListener_ = nullptr;
+  FloodMeter flood_;
   PacketTotals* totals_ = nullptr;
-  std::size_t fullTurns_ = 0;  // in a row, up to kFloodTurns
-  bool inBatch_ = false;       // the socket is being read and must not close
+  bool inBatch_ = false;  // the socket is being read and must not close
   int deliveringTo_ = 0;
   const Portus::Pkt* delivering_ = nullptr;
 };
