@@ -81,7 +81,9 @@ bool Validator<Key, Value>::walkOccupiedSlots() {
   trace(8, [](std::ostream& os) { os << "Validator::walkOccupiedSlots() starting"; });
   Value value;
   IterHint hint;
+  fetchAhead(0);
   for (bool more = writer_->first(0, value, hint); more;) {
+    fetchAhead(hint.bucket);
     more = writer_->next(keyOf<Key>(value), value, hint);
   }
   if (const std::uint32_t stored = writer_->members(); stored != occupiedCount_) {
@@ -89,6 +91,27 @@ bool Validator<Key, Value>::walkOccupiedSlots() {
                  " count:", occupiedCount_);
   }
   return true;
+}
+
+template <class Key, class Value>
+void Validator<Key, Value>::fetchAhead(std::uint32_t bucket) {
+  const auto& buckets = writer_->buckets_;
+  const auto& slots = writer_->slots_.slots();
+  const std::uint32_t numBuckets = buckets.numBuckets();
+  const auto head = [&](std::uint32_t chain) {
+    return buckets.getRef(chain)->load(Mem::relaxed).value;
+  };
+  // Nothing here is believed: the walk reads it all again and judges it.
+  for (const std::uint32_t end = std::min(numBuckets, bucket + 2 * kAhead); headsFetched_ < end;) {
+    slots.prefetchWhole(head(headsFetched_++));
+  }
+  for (const std::uint32_t end = std::min(numBuckets, bucket + kAhead); chainsFetched_ < end;) {
+    const std::uint32_t index = head(chainsFetched_++);
+    if (index >= writer_->capacity()) continue;
+    const Slot<Value>& slot = slots[index];
+    slots.prefetchWhole(slot.ref.load(Mem::relaxed).value);
+    writer_->conquer_.prefetch(slot.conquerSlot.load(Mem::relaxed));
+  }
 }
 
 template <class Key, class Value>
@@ -168,7 +191,9 @@ bool Validator<Key, Value>::walkFreeSlots() {
 template <class Key, class Value>
 bool Validator<Key, Value>::walkNotifications() {
   const std::uint32_t count = writer_->conquer_.currentPos();
+  const auto& slots = writer_->slots_.slots();
   for (std::uint32_t pos = 0; pos < count; ++pos) {
+    if (count - pos > kAhead) slots.prefetchWhole(writer_->conquer_.slotAt(pos + kAhead));
     const std::uint32_t slot = writer_->conquer_.slotAt(pos);
     if (slot == kNoSlot) {
       if (conquerUsed_[pos]) {
@@ -176,7 +201,7 @@ bool Validator<Key, Value>::walkNotifications() {
       }
       continue;
     }
-    const Slot<Value>& named = writer_->slots_.slots()[slot];
+    const Slot<Value>& named = slots[slot];
     const bool occupied = (named.flags.load(Mem::relaxed) & kOccupied) != 0;
     if (!conquerUsed_[pos] && occupied) {
       return wrong("Validator::doValidate() occupied slot:", slot,

@@ -37,13 +37,21 @@ class Validator final : public ValidatorBase, private Sable::Debuggable {
   bool doValidate(std::uint32_t fenix);
   bool checkHeaders(std::uint32_t fenix);
   bool walkOccupiedSlots();
+  // For a walk that has come to `bucket`: brings what it reads next into the cache.
+  void fetchAhead(std::uint32_t bucket);
   bool walkFreeSlots();
   bool walkNotifications();
   // Notes what is wrong and answers false.
   template <class... Parts>
   bool wrong(const Parts&... parts);
 
+  // So many chains, or entries of the queue, ahead of a walk. Chains, and so the slots and entries
+  // that they lead to, lie anywhere: without it the walk waits for memory at each of them.
+  static constexpr std::uint32_t kAhead = 16;
+
   QuillWriter<Key, Value>* writer_;
+  std::uint32_t headsFetched_ = 0;   // the slots at the heads of so many chains are on their way
+  std::uint32_t chainsFetched_ = 0;  // and what those name, of so many
   std::uint32_t occupiedCount_ = 0;
   std::uint32_t freeCount_ = 0;
   std::uint32_t conquerCount_ = 0;
