@@ -45,8 +45,9 @@ void throwUnreachable(const std::string& path, const std::error_code& error) {
   throw Failure(ExitStatus::failed, "cannot connect to the agent on " + at);
 }
 
-AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path)
+AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path, double patience)
     : loop_(loop),
+      patience_(patience),
       client_(loop, kName,
               {.greeted =
                    [this](const Control::Hello& hello) {
@@ -67,7 +68,7 @@ AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path)
 
 template <class Done>
 void AgentLink::await(const Done& done) {
-  double limit = loop_.clock()->now() + kPatience;
+  double limit = loop_.clock()->now() + patience_;
   std::size_t heard = answers_.size();
   while (!done()) {
     if (gone_) throw Failure(ExitStatus::failed, printable(reason_));
@@ -77,7 +78,7 @@ void AgentLink::await(const Done& done) {
                     "the agent does not answer; it may be stopped, see its log");
     }
     loop_.runTurn(left);
-    if (answers_.size() != heard) limit = loop_.clock()->now() + kPatience;
+    if (answers_.size() != heard) limit = loop_.clock()->now() + patience_;
     heard = answers_.size();
   }
 }

@@ -29,12 +29,12 @@ struct Node {
 
 class AgentLink {
  public:
-  // Seconds without a word from the agent.
+  // Seconds without a word from the agent, for whoever names no others.
   static constexpr double kPatience = 10.0;
   static constexpr const char* kName = "ringward";
 
   // Connects. Raises Failure: noAgent if nobody listens at `path`, failed for everything else.
-  AgentLink(Vex::EpollActivityManager& loop, const std::string& path);
+  AgentLink(Vex::EpollActivityManager& loop, const std::string& path, double patience = kPatience);
 
   // What the agent says of itself.
   const std::string& agent() const noexcept { return hello_.text; }
@@ -62,6 +62,7 @@ class AgentLink {
   void await(const Done& done);
 
   Vex::EpollActivityManager& loop_;
+  const double patience_;
   Control::Hello hello_;
   bool greeted_ = false;
   bool gone_ = false;

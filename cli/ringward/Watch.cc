@@ -176,7 +176,7 @@ void watch(Context& context) {
   const std::string& socket = context.arguments().socket;
   // Says at once, in its words, what is wrong with a path.
   if (!context.arguments().reconnect) {
-    AgentLink agent(context.loop(), socket);
+    AgentLink agent(context.loop(), socket, context.patience());
     for (const std::string& path : paths) static_cast<void>(agent.ls(path, 1));
   }
   learnNames();

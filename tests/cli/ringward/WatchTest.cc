@@ -80,7 +80,8 @@ class WatchWorld : public World {
     };
     std::ostream out(&lines);
     std::ostringstream err;
-    status_ = RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err);
+    status_ =
+        RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err, patience);
     err_ = err.str();
     // "2026-11-21 10:00:00.123 UTC path = value" without its time.
     for (std::string& line : got) {
