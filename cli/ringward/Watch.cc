@@ -30,7 +30,7 @@ constexpr double kReconnectPause = 1.0;
 // The tables of counters are not in the log: they are followed as tables.
 const std::vector<std::string> kRoots{"config", "status", "transmitStatus"};
 
-// "/config//x" as "config/x", so that it compares with what the followers tell.
+// Without the slashes at its ends, which name nothing.
 std::string plainPath(std::string_view path) {
   while (path.starts_with('/')) path.remove_prefix(1);
   while (path.ends_with('/')) path.remove_suffix(1);
@@ -160,7 +160,10 @@ std::vector<std::string> checkedPaths(const std::vector<std::string>& given) {
   for (const std::string& path : given) {
     paths.push_back(plainPath(path));
     const std::string root = paths.back().substr(0, paths.back().find_first_of("/["));
-    if (std::find(kRoots.begin(), kRoots.end(), root) != kRoots.end()) continue;
+    if (std::find(kRoots.begin(), kRoots.end(), root) != kRoots.end()) {
+      paths.back() = followedPath(paths.back());
+      continue;
+    }
     const std::string counters =
         root == "packetCounter" ? "; counters are tables: see quillctl watch" : "";
     throw Failure(ExitStatus::usage, "cannot follow " + inQuotes(path) + "; the nearest root is " +
@@ -172,6 +175,8 @@ std::vector<std::string> checkedPaths(const std::vector<std::string>& given) {
 }  // namespace
 
 void watch(Context& context) {
+  // First: a key that is a number may be that of a name which is known then.
+  learnNames();
   const std::vector<std::string> paths = checkedPaths(context.arguments().words);
   const std::string& socket = context.arguments().socket;
   // Says at once, in its words, what is wrong with a path.
@@ -179,7 +184,6 @@ void watch(Context& context) {
     AgentLink agent(context.loop(), socket, context.patience());
     for (const std::string& path : paths) static_cast<void>(agent.ls(path, 1));
   }
-  learnNames();
   Quillctl::StopSignals stop(context.loop());
   bool told = false;
   for (;;) {
