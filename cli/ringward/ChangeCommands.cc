@@ -79,6 +79,14 @@ void changeVlans(Context& context, bool add) {
   }
 }
 
+// The empty name is that of no interface, and would be kept all the same.
+const std::string& intfName(const Context& context) {
+  if (context.word(0).empty()) {
+    throw Failure(ExitStatus::usage, "NAME \"\" names no interface; allowed: such as eth1");
+  }
+  return context.word(0);
+}
+
 }  // namespace
 
 void enable(Context& context) { enabledIs(context, true); }
@@ -97,7 +105,7 @@ void addVlans(Context& context) { changeVlans(context, true); }
 void delVlans(Context& context) { changeVlans(context, false); }
 
 void addExclude(Context& context) {
-  const std::string& name = context.word(0);
+  const std::string& name = intfName(context);
   context.agent().set(elementPath(kExcludePath, name), "true");
   if (if_nametoindex(name.c_str()) == 0) {
     context.note("warning: there is no interface " + inQuotes(name) +
@@ -107,7 +115,7 @@ void addExclude(Context& context) {
 }
 
 void delExclude(Context& context) {
-  const std::string& name = context.word(0);
+  const std::string& name = intfName(context);
   std::vector<std::string> names;
   for (const Node& node : context.agent().ls(kExcludePath)) {
     names.push_back(Ringward::Generic::unquotedKey(node.name));

@@ -126,6 +126,14 @@ TEST_F(World, ExcludeAddWarnsOfANameThatNoInterfaceHas) {
   EXPECT_FALSE(config->intfExclude(IntfId::fromName("nosuch0")));
 }
 
+TEST_F(World, AnEmptyNameExcludesNothingAndIsRefused) {
+  for (const std::string what : {"add", "del"}) {
+    EXPECT_EQ(failed(2, {"exclude", what, ""}),
+              "ringward: NAME \"\" names no interface; allowed: such as eth1\n");
+  }
+  EXPECT_FALSE(config->intfExcludeIteratorConst());
+}
+
 TEST_F(World, NamesWithCharactersOfThePathSurvive) {
   const std::string name = "a]b/c\\d";
   EXPECT_EQ(run({"exclude", "add", name}).status, 0);
