@@ -242,6 +242,30 @@ TEST_F(World, WithoutAnAgentTheStatusIsThreeAndTheTablesAreShown) {
   EXPECT_EQ(Json::parse(run({"-j", "show", "counters"}).out)["live"], false);
 }
 
+TEST_F(World, TheTablesAreShownAlsoWhenTheAgentDoesNotAnswer) {
+  server.reset();
+  Agent::ListeningSocket listening;  // nobody accepts
+  ASSERT_EQ(listening.open(socket), "");
+  patience = 0;
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"show"}, {"show", "counters"}}) {
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out,
+              "agent does not answer; counters as last written\nnothing has been counted\n");
+    EXPECT_TRUE(outcome.err.ends_with(
+        "\nringward: the agent does not answer; it may be stopped, see its log\n"))
+        << outcome.err;
+  }
+  EXPECT_EQ(Json::parse(run({"-j", "show", "counters"}).out)["live"], false);
+  EXPECT_EQ(run({"show", "vlans"}).out, "");
+  socket = directory + "/" + std::string(200, 's');
+  const Outcome unreachable = run({"show", "counters"});
+  EXPECT_EQ(unreachable.status, 1);
+  EXPECT_EQ(unreachable.out,
+            "agent does not answer; counters as last written\nnothing has been counted\n");
+}
+
 TEST_F(World, AnAgentThatGoesInTheMiddleIsAnError) {
   server.reset();
   // Somebody who listens, and hangs up on whoever comes.
