@@ -84,10 +84,16 @@ void AgentLink::await(const Done& done) {
 }
 
 std::vector<Answer> AgentLink::askAll(const std::vector<Request>& requests) {
-  std::vector<Answer> result;
+  std::vector<Answer> answers;
+  askAll(requests, answers);
+  return answers;
+}
+
+void AgentLink::askAll(const std::vector<Request>& requests, std::vector<Answer>& answers) {
+  answers.clear();
   std::size_t sent = 0;
-  while (result.size() < requests.size()) {
-    while (sent < requests.size() && sent < result.size() + kAtOnce) {
+  while (answers.size() < requests.size()) {
+    while (sent < requests.size() && sent < answers.size() + kAtOnce) {
       if (gone_) throw Failure(ExitStatus::failed, printable(reason_));
       const Request& request = requests[sent++];
       if (!Control::fits({0, request.operation, request.texts})) {
@@ -97,11 +103,10 @@ std::vector<Answer> AgentLink::askAll(const std::vector<Request>& requests) {
     }
     await([this] { return !answers_.empty(); });
     while (!answers_.empty()) {
-      result.push_back(std::move(answers_.front()));
+      answers.push_back(std::move(answers_.front()));
       answers_.pop_front();
     }
   }
-  return result;
 }
 
 Answer AgentLink::ask(Operation operation, std::vector<std::string> texts) {

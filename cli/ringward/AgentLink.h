@@ -54,6 +54,8 @@ class AgentLink {
   // Sends all of them at once, and answers in their order. A refusal or a failure is an answer
   // here.
   std::vector<Control::Answer> askAll(const std::vector<Request>& requests);
+  // The same into `answers`, which keeps what has come when this raises Failure.
+  void askAll(const std::vector<Request>& requests, std::vector<Control::Answer>& answers);
 
  private:
   Control::Answer ask(Control::Operation operation, std::vector<std::string> texts);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 #include "cli/quillctl/Texts.h"
 #include "cli/ringward/Failure.h"
@@ -56,7 +57,14 @@ void changeVlans(Context& context, bool add) {
       requests.push_back({Operation::del, {path}});
     }
   });
-  const auto answers = context.agent().askAll(requests);
+  AgentLink& agent = context.agent();
+  std::vector<Control::Answer> answers;
+  std::optional<Failure> interrupted;  // in the middle: what is done is told all the same
+  try {
+    agent.askAll(requests, answers);
+  } catch (const Failure& failure) {
+    interrupted = failure;
+  }
   Bridging::VlanBitmap done;
   std::string firstReason;
   for (std::size_t i = 0; i < answers.size(); ++i) {
@@ -71,6 +79,12 @@ void changeVlans(Context& context, bool add) {
   const std::string what = add ? "enabled" : "disabled";
   if (done) {
     report(context, "VLANs " + done.toText() + " " + what, {{what, done.toText()}});
+  }
+  if (interrupted) {
+    throw Failure(interrupted->status(),
+                  std::to_string(done.count()) + " of " + std::to_string(vlans.count()) +
+                      " VLANs are " + what + ", the others may be: see `ringward show vlans`; " +
+                      (firstReason.empty() ? "" : firstReason + "; ") + interrupted->what());
   }
   if (!firstReason.empty()) {
     throw Failure(ExitStatus::failed, std::to_string(vlans.count() - done.count()) + " of " +

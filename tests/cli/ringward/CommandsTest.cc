@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "cli/ringward/Followers.h"
 #include "tests/cli/ringward/World.h"
 
 namespace RingwardCliTest {
@@ -97,6 +98,40 @@ TEST_F(World, VlanAddAndDelTakeARange) {
             "ringward: RANGE \"\" names no VLAN; allowed: such as 1,10-20\n");
   const std::string error = failed(2, {"vlan", "add", "10-4095"});
   EXPECT_NE(error.find("4095"), std::string::npos) << error;
+}
+
+// Ends the agent in the loop, as soon as it may be.
+class Ending final : private Vex::DeferredTask {
+ public:
+  Ending(Vex::ActivityManager& manager, std::unique_ptr<Agent::ControlServer>& server)
+      : DeferredTask(manager), server_(server) {}
+  ~Ending() override = default;
+  using DeferredTask::schedule;
+
+ private:
+  void run() override { server_.reset(); }
+  std::unique_ptr<Agent::ControlServer>& server_;
+};
+
+TEST_F(World, WhatIsDoneWhenTheAgentGoesInTheMiddleOfVlansIsTold) {
+  Ending ending(loop, server);
+  unsigned enabled = 0;
+  const auto follower = RingwardCli::newFollower(config, "config", [&](const auto&, const auto&) {
+    if (++enabled == 600) ending.schedule();
+  });
+  const Outcome outcome = run({"-j", "vlan", "add", "1-4094"});
+  EXPECT_EQ(outcome.status, 1);
+  ASSERT_NE(outcome.out, "");
+  const auto told =
+      Bridging::VlanBitmap::parse(Json::parse(outcome.out).at("enabled").get<std::string>());
+  EXPECT_GE(told.count(), 256u);
+  EXPECT_LE(told.count(), enabled);
+  told.forEach([&](std::uint16_t vlan) { EXPECT_TRUE(config->vlanEnabled(VlanId(vlan))); });
+  EXPECT_EQ(outcome.err.find("ringward: " + std::to_string(told.count()) +
+                             " of 4094 VLANs are enabled, the others may be: see `ringward show "
+                             "vlans`; the agent has closed the connection"),
+            0u)
+      << outcome.err;
 }
 
 TEST_F(World, AllVlansGoThroughInOneCommand) {
