@@ -123,8 +123,10 @@ class Following {
     context_.out() << std::flush;
   }
   void changed(const std::string& path, const std::optional<std::string>& text) {
-    const bool wanted = std::any_of(paths_.begin(), paths_.end(),
-                                    [&](const std::string& top) { return isBelow(path, top); });
+    // What happens to an object above a path happens to the path: it goes and comes with it.
+    const bool wanted = std::any_of(paths_.begin(), paths_.end(), [&](const std::string& top) {
+      return isBelow(path, top) || isBelow(top, path);
+    });
     if (!wanted) return;
     const std::string time = dateText(wallClock(), true);
     if (context_.json()) {

@@ -191,6 +191,22 @@ TEST_F(WatchWorld, FollowsAKeyHoweverItIsSpelt) {
                         "status/intfStatus[eth2]/disabled = true"}));
 }
 
+TEST_F(WatchWorld, TellsThatTheObjectOfAnAttributeHasGoneAndIsThereAnew) {
+  const auto eth1 = IntfId::fromName("eth1");
+  const auto eth2 = IntfId::fromName("eth2");
+  status->intfStatusIs(eth1);
+  settles_ = true;
+  EXPECT_EQ(watch({"status/intfStatus[eth1]/disabled"},
+                  {[&] {
+                     status->intfStatusIs(eth2);  // nobody asked for it
+                     status->intfStatusDel(eth1);
+                   },
+                   [&] { status->intfStatusIs(eth1); },
+                   [&] { status->intfStatus(eth1)->disabledIs(true); }}),
+            (Texts{"# following", "status/intfStatus[eth1] gone", "status/intfStatus[eth1] there",
+                   "status/intfStatus[eth1]/disabled = true"}));
+}
+
 TEST_F(WatchWorld, WhatCannotBeFollowedIsSaid) {
   EXPECT_EQ(failed(2, {"watch", "packetCounter"}).substr(0, 42),
             "ringward: cannot follow \"packetCounter\"; t");
