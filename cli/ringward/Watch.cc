@@ -64,19 +64,45 @@ class Following {
       : context_(context),
         paths_(paths),
         client_(context.loop(), AgentLink::kName,
-                {.greeted = [this](const Control::Hello&) { subscribe(); },
-                 .answered = [this](const Control::Answer& answer) { handleAnswer(answer); },
-                 .logged = [this](const Control::Frame& frame) { handleFrame(frame); },
+                {.greeted =
+                     [this](const Control::Hello&) {
+                       heardIs();
+                       subscribe();
+                     },
+                 .answered =
+                     [this](const Control::Answer& answer) {
+                       heardIs();
+                       handleAnswer(answer);
+                     },
+                 .logged =
+                     [this](const Control::Frame& frame) {
+                       heardIs();
+                       handleFrame(frame);
+                     },
                  .gone = [this](const std::string& reason) { gone_ = reason; },
-                 .written = {}}) {}
+                 .written = {}}) {
+    heardIs();
+  }
 
   std::error_code open(const std::string& socket) { return client_.open(socket); }
+  // One turn of the loop. An agent that says nothing for too long is gone, as long as it has not
+  // told the present state: after that it has nothing to say while nothing changes.
+  void runTurn() {
+    if (synchronised()) return context_.loop().runTurn(Vex::kNever);
+    const double left = limit_ - context_.loop().clock()->now();
+    if (left > 0) return context_.loop().runTurn(left);
+    silent_ = true;
+    gone_ = "the agent does not answer; it may be stopped";
+    client_.close();
+  }
   // Why it is over, empty while it is not; and whether the agent refused what was asked.
   const std::string& gone() const noexcept { return gone_; }
   bool refused() const noexcept { return refused_; }
+  bool silent() const noexcept { return silent_; }
   bool synchronised() const noexcept { return session_ && session_->isSynchronised(); }
 
  private:
+  void heardIs() { limit_ = context_.loop().clock()->now() + context_.patience(); }
   void subscribe() {
     std::set<std::string> roots;
     for (const std::string& path : paths_) roots.insert(path.substr(0, path.find_first_of("/[")));
@@ -147,6 +173,8 @@ class Following {
   const std::vector<std::string>& paths_;
   std::string gone_;
   bool refused_ = false;
+  bool silent_ = false;
+  double limit_ = 0;  // the moment at which the agent has been silent for too long
   // The mirrors; those that nobody asked for stay empty.
   const Vex::Ptr<Ringward::Config::Config> config_ = Ringward::Config::configFactory("config");
   const Vex::Ptr<Ringward::Status::Status> status_ = Ringward::Status::statusFactory("status");
@@ -188,23 +216,27 @@ void watch(Context& context) {
   }
   Quillctl::StopSignals stop(context.loop());
   bool told = false;
+  bool silent = false;
   for (;;) {
     {
       Following following(context, paths);
       std::error_code error = following.open(socket);
       if (error && !context.arguments().reconnect) throwUnreachable(socket, error);
       while (!error && following.gone().empty()) {
-        context.loop().runTurn(Vex::kNever);
+        following.runTurn();
         // Nobody reads any more: run() says so.
         if (stop.came() != 0 || !context.out()) return;
       }
       const std::string reason = error ? error.message() : following.gone();
       if (!context.arguments().reconnect || following.refused()) {
-        throw Failure(following.refused() ? ExitStatus::failed : ExitStatus::noAgent,
-                      printable(reason));
+        const bool there = following.refused() || following.silent();
+        throw Failure(there ? ExitStatus::failed : ExitStatus::noAgent, printable(reason));
       }
-      if (!told || !error) context.note(printable(reason) + "; waiting for the agent");
+      // Each attempt that ends as the one before says nothing new.
+      const bool known = error ? told : silent && following.silent();
+      if (!known) context.note(printable(reason) + "; waiting for the agent");
       told = true;
+      silent = following.silent();
       // After a connection that was good the next one is tried at once.
       if (following.synchronised()) continue;
     }

@@ -207,6 +207,20 @@ TEST_F(WatchWorld, TellsThatTheObjectOfAnAttributeHasGoneAndIsThereAnew) {
                    "status/intfStatus[eth1]/disabled = true"}));
 }
 
+TEST_F(WatchWorld, AnAgentThatSaysNothingIsToldOfOnce) {
+  server.reset();
+  Agent::ListeningSocket listening;  // nobody accepts
+  ASSERT_EQ(listening.open(socket), "");
+  patience = 0;
+  settles_ = true;
+  watch({"--reconnect", "config"}, {});
+  EXPECT_EQ(err_,
+            "ringward: the agent does not answer; it may be stopped; waiting for the agent\n");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(failed(1, {"watch", "config"}),
+            "ringward: the agent does not answer; it may be stopped, see its log\n");
+}
+
 TEST_F(WatchWorld, WhatCannotBeFollowedIsSaid) {
   EXPECT_EQ(failed(2, {"watch", "packetCounter"}).substr(0, 42),
             "ringward: cannot follow \"packetCounter\"; t");
