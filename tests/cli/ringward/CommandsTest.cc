@@ -29,6 +29,13 @@ TEST_F(World, SetChangesTheEntityAtOnce) {
   EXPECT_FALSE(config->vlanEnabled(VlanId(10)));
 }
 
+TEST_F(World, WhatIsSetAndDeletedIsToldAsJson) {
+  EXPECT_EQ(done({"-j", "set", "config/vlanEnabled[10]", "true"}),
+            "{\"path\":\"config/vlanEnabled[10]\",\"value\":\"true\"}\n");
+  EXPECT_EQ(done({"-j", "del", "config/vlanEnabled[10]"}),
+            "{\"path\":\"config/vlanEnabled[10]\",\"deleted\":true}\n");
+}
+
 TEST_F(World, WhatCannotBeSetIsSaidAndNothingChanges) {
   EXPECT_EQ(
       failed(1, {"set", "config/globalIntfConfig/transmitInterval", "256"}),
