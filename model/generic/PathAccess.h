@@ -94,6 +94,7 @@ class PathAccess {
   Vex::Ptr<Vex::GenericIf> rootOf(std::string_view path, const Step& step) const;
   Target target(std::string_view path) const;
   static Vex::Ptr<Vex::GenericIf> object(std::string_view path, const Target& target);
+  [[noreturn]] static void throwNotThere(std::string_view path, const Target& target);
   static Node node(Vex::GenericIf& owner, const Vex::VexType::Attribute& attribute);
   static void fill(Node& made, Vex::GenericIf& owner, const Vex::VexType::Attribute& attribute);
   static std::vector<Node> elements(const Target& target, std::size_t limit,

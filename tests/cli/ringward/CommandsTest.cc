@@ -58,6 +58,22 @@ TEST_F(World, AnUnknownNameSuggestsTheNearest) {
             "ringward: nothing to show under \"intefaces\"; the nearest is \"interfaces\", there "
             "are interfaces, vlans, counters, config, queues\n"
             "Try 'ringward --help' for the commands.\n");
+  status->intfStatusIs(IntfId::fromName("eth1"));
+  EXPECT_EQ(failed(1, {"get", "status/intfStatus[eht1]/disabled"}),
+            "ringward: status/intfStatus[eht1] is not there; did you mean 'eth1'?\n");
+}
+
+TEST_F(World, AnUnknownSecondWordSuggestsTheNearest) {
+  EXPECT_EQ(failed(2, {"vlan", "ad", "1"}),
+            "ringward: no command \"vlan ad\"; the nearest is \"vlan add\", there are add, del\n"
+            "Try 'ringward --help' for the commands.\n");
+  EXPECT_EQ(failed(2, {"-j", "exclude", "dle", "eth1"}),
+            "ringward: no command \"exclude dle\"; the nearest is \"exclude del\", there are add, "
+            "del\n"
+            "Try 'ringward --help' for the commands.\n");
+  EXPECT_EQ(failed(2, {"clear", "counter"}),
+            "ringward: no command \"clear counter\"; the nearest is \"clear counters\"\n"
+            "Try 'ringward --help' for the commands.\n");
 }
 
 TEST_F(World, LsListsRootsAttributesAndElements) {
