@@ -14,9 +14,9 @@
 // The roots are the caller's; each is opened anew for each call, so that one that ends is no longer
 // found. What a root's adapter refuses because it is const stays refused below it.
 //
-// Errors: PathError for what is wrong with the path; Vex::RangeException for a key, a value or an
-// argument that is none; the exceptions of Vex::GenericIf for what an attribute does not let itself
-// be done to.
+// Errors: PathError for what is wrong with the path, or with the names and the number of a call's
+// arguments; Vex::RangeException for a key, a value or an argument that is none; the exceptions of
+// Vex::GenericIf for what an attribute does not let itself be done to.
 #pragma once
 
 #include <cstddef>
