@@ -96,7 +96,8 @@ bool VexQuillMap<PARENT, VALUE, KEY>::validateFiles() {
   });
   try {
     return Map::validateFiles();
-  } catch (const Sable::Exception&) {
+  } catch (const Quill::CorruptionDetectedException&) {
+    // Anything else says nothing about the table, which goes on.
     if (guardian_ != nullptr) guardian_->tableInvalid(*this);
     throw;
   }

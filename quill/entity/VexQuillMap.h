@@ -55,7 +55,7 @@ class VexQuillMap final : public Quill::QuillMap<KEY, VALUE, VexNotifier<KEY, VA
   void handleParent() override;
 
   void init(Quill::QuillType mode, bool isLocal, unsigned int size) override;
-  // The guardian hears of a table that is not sound.
+  // The guardian hears of a table that is not sound, and not of a check that cannot be made.
   bool validate() override;
   bool validateFiles() override;
   std::string classType() const override;

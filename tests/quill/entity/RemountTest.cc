@@ -2,6 +2,7 @@
 //
 // A hosted table that fails, and what its guardian can do about it.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -167,6 +168,27 @@ TEST_F(RemountTest, AFileThatHasGoneReachesTheGuardian) {
   sut_.remount(false, 10, Contents::dropped);
   std::filesystem::remove(sut_.rootPath() + "/slots");
   loop_.runFor(0.0);
+  EXPECT_FALSE(guardian_.invalid.empty());
+}
+
+TEST_F(RemountTest, AFileThatCannotBeReadForWantOfADescriptorIsNotHeldAgainstTheTable) {
+  sut_.guardianIs(&guardian_);
+  sut_.remount(false, 10, Contents::dropped);
+  sut_.recordIs(intfRecord("eth1", 1));
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const std::string text =
+      textOfRaised<Sable::InvalidInitializeException>([&] { sut_.validateFiles(); });
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(text,
+            "FenixFile::read() cannot read " + sut_.rootPath() + "/fenix: Too many open files");
+  EXPECT_TRUE(guardian_.invalid.empty());
+  EXPECT_TRUE(sut_.validateFiles());
+  std::filesystem::remove(sut_.rootPath() + "/fenix");
+  EXPECT_THROW(sut_.validateFiles(), Quill::CorruptionDetectedException);
   EXPECT_FALSE(guardian_.invalid.empty());
 }
 
