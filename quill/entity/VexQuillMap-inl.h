@@ -169,11 +169,12 @@ VALUE VexQuillMap<PARENT, VALUE, KEY>::recordDel(const KEY& key) {
 template <class PARENT, class VALUE, class KEY>
 void VexQuillMap<PARENT, VALUE, KEY>::delAll() {
   VALUE value;
+  VALUE gone;
   Quill::IterHint hint;
   for (bool more = this->first(value, hint); more;) {
     const KEY key = Quill::keyOf<KEY>(value);
     more = this->next(key, value, hint);
-    this->safeRemove(key);
+    this->remove(key, gone);
   }
 }
 

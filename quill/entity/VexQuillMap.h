@@ -126,6 +126,7 @@ class VexQuillMap final : public Quill::QuillMap<KEY, VALUE, VexNotifier<KEY, VA
   // One step of a walk. Damage ends the walk.
   template <class Step>
   std::optional<VALUE> step(Step&& take) const;
+  // Not guarded.
   void delAll();
 
   PARENT* parent_ = nullptr;

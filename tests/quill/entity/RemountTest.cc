@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -80,6 +81,20 @@ TEST_F(RemountTest, WithoutAGuardianDamageIsRaisedByEveryOperation) {
   EXPECT_THROW(sut_.firstKey(), Damage);
   EXPECT_THROW(sut_.recordDelAll(), Damage);
   EXPECT_THROW(sut_.keyAfter(Portus::IntfId()), Damage);
+}
+
+// The slot's place in the queue, which nothing looks at before the record is changed.
+TEST_F(RemountTest, DamageThatOnlyARemovalMeetsIsToldOnce) {
+  sut_.recordIs(intfRecord("eth1", 1));
+  sut_.recordIs(intfRecord("eth2", 2));
+  bool found = false;
+  const auto* const stored = reinterpret_cast<const char*>(&sut_.lookup(eth1, found));
+  ASSERT_TRUE(found);
+  const std::uint32_t placeOfEth2 = 1;
+  std::memcpy(const_cast<char*>(stored) - 2 * sizeof placeOfEth2, &placeOfEth2, sizeof placeOfEth2);
+  EXPECT_EQ(textOfRaised<Quill::CorruptionDetectedException>([&] { sut_.recordDelAll(); }),
+            "QuillMap::corruptionDetected() tree/counters/stock ConquerWriter::notify() conquer "
+            "slot mismatch, slot:1 index:0");
 }
 
 TEST_F(RemountTest, AHandleThatIsNoWriterReadsAsEmptyAfterDamageAndItsChangesEndInNoMansLand) {
