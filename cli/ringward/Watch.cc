@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <memory>
 #include <set>
 
@@ -70,7 +71,9 @@ class Following {
                  .gone = [this](const std::string& reason) { gone_ = reason; },
                  .written = {}}) {}
 
-  std::error_code open(const std::string& socket) { return client_.open(socket); }
+  std::error_code open(const std::string& socket, const std::function<bool()>& givenUp) {
+    return openPatiently(context_.loop(), client_, socket, givenUp);
+  }
   // Why it is over, empty while it is not; and whether the agent refused what was asked.
   const std::string& gone() const noexcept { return gone_; }
   bool refused() const noexcept { return refused_; }
@@ -185,7 +188,8 @@ void watch(Context& context) {
   for (;;) {
     {
       Following following(context, paths);
-      std::error_code error = following.open(socket);
+      const std::error_code error = following.open(socket, [&stop] { return stop.came() != 0; });
+      if (stop.came() != 0) return;
       if (error && !context.arguments().reconnect) throwUnreachable(socket, error);
       while (!error && following.gone().empty()) {
         context.loop().runTurn(Vex::kNever);
