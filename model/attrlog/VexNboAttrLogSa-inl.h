@@ -131,7 +131,7 @@ bool VexNboAttrLogSa<Class>::scalarMayGo(std::size_t position, std::size_t room)
   FlowOut& flow = own();
   flow.dirtyBits().bitIs(position, true);
   if (!prepareImmediateTransmission(attributeAt(position), !sufficient)) return false;
-  flow.dirtyBits().bitIs(position, false);
+  flow.doneIs(position);
   return true;
 }
 

@@ -225,6 +225,7 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   void resendKey(const Key& key);
   bool crossedAt(std::size_t position) const noexcept;
   bool crossedSinceBegin(std::size_t position) const noexcept;
+  void arrived(std::size_t position) noexcept;
 
   // Reading.
   template <std::size_t I>

@@ -27,6 +27,14 @@ bool VexNboAttrLogSa<Class>::crossedSinceBegin(std::size_t position) const noexc
   return waits || sent_[position] > flowIn()->peerReceived();
 }
 
+// What has come in takes the place of a change of ours that waits to be sent. Sent all the same it
+// would be the peer's own value, and would undo what the peer has made of it since. What the peer
+// is owed goes nevertheless: it may have another object by now, which knows nothing of the value.
+template <class Class>
+void VexNboAttrLogSa<Class>::arrived(std::size_t position) noexcept {
+  if (flowOut() != nullptr && !flowOut()->isOwed(position)) flowOut()->doneIs(position);
+}
+
 template <class Class>
 void VexNboAttrLogSa<Class>::handleAttrDeserialization(std::int32_t id, std::uint32_t options,
                                                        std::size_t length, In& in) {
@@ -66,6 +74,7 @@ void VexNboAttrLogSa<Class>::handleAttrDeserialization(std::int32_t id, std::uin
         const Handling handling(*this, of, nullptr);
         entity_->isNondestructingIs(value);
       }
+      arrived(0);
       if (crossedAt(0)) dirty(0);
     }
   } catch (const Vex::RangeException& error) {
@@ -89,6 +98,7 @@ void VexNboAttrLogSa<Class>::readScalar(In& in, bool refused) {
     const Handling handling(*this, a.id, nullptr);
     std::invoke(a.set, *entity_, value);
   }
+  arrived(I + 1);
   if (crossedAt(I + 1)) resend<I>();
 }
 
@@ -127,6 +137,7 @@ void VexNboAttrLogSa<Class>::readChild(bool deleted, In& in, bool refused) {
     }
   }
   if (demuxer() == nullptr) return;
+  arrived(I + 1);
   // A reaction may have put something else in its place, which is no echo.
   const bool asArrived = deleted ? !present() : present() && present()->name().view() == name;
   if (crossedAt(I + 1) || (!flag(kMirror) && !asArrived)) resend<I>();

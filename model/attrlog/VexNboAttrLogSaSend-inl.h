@@ -30,7 +30,7 @@ void VexNboAttrLogSa<Class>::closeMessage(std::size_t position) {
 
 template <class Class>
 void VexNboAttrLogSa<Class>::dirty(std::size_t position) {
-  own().dirtyBits().bitIs(position, true);
+  own().owedIs(position);
   demuxer()->queuedIs(*this, true);
 }
 
@@ -128,6 +128,7 @@ void VexNboAttrLogSa<Class>::serializeColl() {
   if (!continueFlowOut()) return;
   sendTransactionMarker(id, Transaction::commit, 0);
   sent_[I + 1] = nboAttrLogOut()->frames();
+  flow.doneIs(I + 1);
   flow.dirtyBits().bitIs(I + 1, mark.again);
   flow.yieldsIs(mark.again);
   mark = {};
@@ -154,16 +155,16 @@ void VexNboAttrLogSa<Class>::handleAttrFlowOut(Vex::AttributeId id) {
       sendTransactionMarker(id, Transaction::begin, 0);
       serializeChild<I>();
       sendTransactionMarker(id, Transaction::commit, 0);
-      flow.dirtyBits().bitIs(I + 1, false);
+      flow.doneIs(I + 1);
     } else if constexpr (travels<I>()) {
       serializeScalar<I>();
-      flow.dirtyBits().bitIs(I + 1, false);
+      flow.doneIs(I + 1);
     }
   });
   if (known) return;
   if (id != Vex::Entity::kIsNondestructing) return StreamAdapter::handleAttrFlowOut(id);
   serializeNondestructing();
-  flow.dirtyBits().bitIs(0, false);
+  flow.doneIs(0);
 }
 
 // A transfer that is under way goes on before another begins; else they take turns.
@@ -200,7 +201,7 @@ void VexNboAttrLogSa<Class>::doRemountSelf(Vex::NboAttrLog::Out& /*out*/) {
 
 template <class Class>
 void VexNboAttrLogSa<Class>::freeResyncState(Vex::NboAttrLog::FlowOut& flowOut) {
-  flowOut.dirtyBits().clear();
+  flowOut.allDone();
   flowOut.pendingAborts().clear();
   forEachIndex([&](auto index) {
     if constexpr (isKeyed<index>) static_cast<FlowOut&>(flowOut).template bookmark<index>() = {};
