@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "model/attrlog/VexNboAttrLogSa.h"
@@ -128,11 +129,18 @@ void VexNboAttrLogSa<Class>::readChild(bool deleted, In& in, bool refused) {
     std::invoke(a.del, *entity_);
   } else {
     const Handling handling(*this, a.id, nullptr);
-    const auto child = [&] {
+    const Vex::Name childName(name);
+    const auto child = [&]() -> std::remove_cvref_t<decltype(present())> {
       const Arriving arriving(*this, arrival);
-      return std::invoke(a.make, *entity_, Vex::Name(name));
+      try {
+        return std::invoke(a.make, *entity_, childName);
+      } catch (const Vex::RangeException& error) {
+        // A reaction has taken the child away again: nothing that the peer could be blamed for.
+        if (error.text() != "null ValidPtr") throw;
+        return nullptr;
+      }
     }();
-    if (demuxer() != nullptr && child == std::invoke(a.get, std::as_const(*entity_))) {
+    if (demuxer() != nullptr && child && child == present()) {
       childAdapter<I>(*child, &arrival);
     }
   }

@@ -81,4 +81,48 @@ TEST(AttrLogArrival, AnIncomingChildUndoesNoNewerOneAtItsOrigin) {
   EXPECT_TRUE(link.isEqual()) << link.mirror.text() << link.original.text();
 }
 
+// Takes a child away as soon as it is there.
+class Deleting final : public Ringward::Config::Config::NotifieeConst {
+ public:
+  explicit Deleting(const Vex::Ptr<Ringward::Config::Config>& config) : config_(config) {
+    notifierIs(Vex::Ptr<Vex::PtrInterface const>(config));
+    isRegisteredNotifieeIs(true);
+  }
+  void onTransmitConfig() override { config_->transmitConfigDel(); }
+
+ private:
+  const Vex::Ptr<Ringward::Config::Config> config_;
+};
+
+TEST(AttrLogArrival, AChildThatAReactionTakesAwayAtOnceEndsNoConnection) {
+  for (const bool aheadOfTheAdapter : {true, false}) {
+    Link link;
+    Vex::Ptr<Deleting> deleting;
+    if (aheadOfTheAdapter) deleting = Vex::makePtr<Deleting>(link.mirror.config);
+    link.up();
+    if (!aheadOfTheAdapter) deleting = Vex::makePtr<Deleting>(link.mirror.config);
+    link.original.config->transmitConfigIs("t")->rateLimitIs(7);
+    ASSERT_TRUE(link.settle());
+    EXPECT_FALSE(link.mirror.config->transmitConfig());
+    link.original.config->transmitConfig()->rateLimitIs(8);
+    link.original.config->clearCountersIs(3);
+    ASSERT_TRUE(link.settle());
+    EXPECT_EQ(link.mirror.config->clearCounters(), 3U);
+  }
+}
+
+TEST(AttrLogArrival, APeerIsToldThatAReactionHasTakenItsChildAway) {
+  for (const bool aheadOfTheAdapter : {true, false}) {
+    Link link;
+    Vex::Ptr<Deleting> deleting;
+    if (aheadOfTheAdapter) deleting = Vex::makePtr<Deleting>(link.original.config);
+    link.up();
+    if (!aheadOfTheAdapter) deleting = Vex::makePtr<Deleting>(link.original.config);
+    link.mirror.config->transmitConfigIs("t");
+    ASSERT_TRUE(link.settle());
+    EXPECT_FALSE(link.original.config->transmitConfig());
+    EXPECT_TRUE(link.isEqual()) << link.mirror.text() << link.original.text();
+  }
+}
+
 }  // namespace
