@@ -124,6 +124,10 @@ void VexNboAttrLogSa<Class>::readChild(bool deleted, In& in, bool refused) {
     demuxer()->owner().handleRefused(*this, a.id);
     return resend<I>();
   }
+  if (!deleted) {
+    demuxer()->requireRoomFor(arrival.id, isPresent ? present().get() : nullptr,
+                              isPresent ? nullptr : present().get());
+  }
   if (deleted) {
     const Handling handling(*this, a.id, nullptr);
     std::invoke(a.del, *entity_);
@@ -183,6 +187,9 @@ void VexNboAttrLogSa<Class>::readKey(bool deleted, In& in, bool refused) {
       Access<I>::members(coll<I>()) >= Vex::NboAttrLog::Demuxer::kMaxMembers) {
     Vex::throwRangeException("more than " + std::to_string(Vex::NboAttrLog::Demuxer::kMaxMembers) +
                              " members not allowed");
+  }
+  if constexpr (kMembers) {
+    if (!deleted) demuxer()->requireRoomFor(arrival.id, Access<I>::find(coll<I>(), key), nullptr);
   }
   markIs<I>(key, false);
   const Handling handling(*this, a.id, &key);

@@ -125,4 +125,80 @@ TEST(AttrLogArrival, APeerIsToldThatAReactionHasTakenItsChildAway) {
   }
 }
 
+// Mirrors whose originals are these tests: a configuration announced as number 2, a status as 3.
+struct Mirrored {
+  static constexpr std::uint32_t kConfig = 2;
+  static constexpr std::uint32_t kStatus = 3;
+  Vex::Ptr<Ringward::Config::Config> config = Ringward::Config::configFactory("config");
+  Vex::Ptr<Ringward::Status::Status> status = Ringward::Status::statusFactory("status");
+  Session sut{{}};
+  Mirrored() {
+    sut.mirrorIs(*config);
+    sut.mirrorIs(*status);
+    const Trees original;
+    Session server({});
+    server.rootIs(*original.config);
+    server.rootIs(*original.status);
+    sut.bytesIn(server.output());
+  }
+  // The name, or the key, and the number of an entity, from the end that has announced it.
+  void childIn(char name, std::uint32_t number) {
+    Bytes payload{0, 1, static_cast<std::uint8_t>(name), 0, 0, 0, 0};
+    numberIs(payload, number);
+    in(kConfig, 261, payload, false);
+  }
+  void memberIn(const Portus::IntfId& key, std::uint32_t number) {
+    Bytes payload(key.bytes().begin(), key.bytes().end());
+    payload.insert(payload.end(), 4, 0);
+    numberIs(payload, number);
+    in(kStatus, 258, payload, true);
+  }
+
+ private:
+  static void numberIs(Bytes& payload, std::uint32_t number) {
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+      payload.push_back(static_cast<std::uint8_t>(number >> shift));
+    }
+  }
+  void in(std::uint32_t entity, std::int32_t attribute, const Bytes& payload, bool key) {
+    Vex::NboAttrLog::MsgHeader header;
+    header.entityId = {0, entity};
+    header.attributeId = attribute;
+    header.keyFlag = key;
+    sut.bytesIn(frameOf(header, payload));
+  }
+};
+
+TEST(AttrLogArrival, AnIdOfAnotherEntityIsRefusedWithNothingChanged) {
+  Mirrored at;
+  at.childIn('a', 4);
+  at.memberIn(intf(1), 5);
+  const std::string before = textOf(*at.config) + textOf(*at.status);
+  const auto held = at.config->transmitConfig();
+  EXPECT_EQ(errorOf([&] { at.childIn('b', at.kStatus); }),
+            "attribute 'transmitConfig': entity id 0:3 belongs to another entity");
+  EXPECT_EQ(at.config->transmitConfig(), held);
+  EXPECT_EQ(errorOf([&] { at.childIn('a', 5); }),
+            "attribute 'transmitConfig': entity id 0:5 belongs to another entity");
+  EXPECT_EQ(errorOf([&] { at.memberIn(intf(2), at.kConfig); }),
+            "attribute 'intfStatus': entity id 0:2 belongs to another entity");
+  EXPECT_EQ(errorOf([&] { at.memberIn(intf(1), 4); }),
+            "attribute 'intfStatus': entity id 0:4 belongs to another entity");
+  EXPECT_EQ(textOf(*at.config) + textOf(*at.status), before);
+}
+
+TEST(AttrLogArrival, AnEntityTooManyIsRefusedWithNothingChangedAndOneInAnothersPlaceIsNot) {
+  constexpr auto kMost = static_cast<std::uint32_t>(Vex::NboAttrLog::Demuxer::kMaxEntities);
+  constexpr std::uint32_t kMembers = kMost - 3;  // with the roots and a child
+  Mirrored at;
+  at.childIn('a', 4);
+  for (std::uint32_t i = 0; i < kMembers; ++i) at.memberIn(intf(i), 5 + i);
+  ASSERT_EQ(at.status->intfStatusColl().members(), kMembers);
+  at.childIn('b', 5 + kMembers);
+  EXPECT_EQ(at.config->transmitConfig()->name(), "b");
+  EXPECT_EQ(errorOf([&] { at.memberIn(intf(kMembers), 6 + kMembers); }),
+            "attribute 'intfStatus': more than 65536 entities of one connection not allowed");
+  EXPECT_EQ(at.status->intfStatusColl().members(), kMembers);
+}
+
 }  // namespace
