@@ -67,6 +67,7 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   struct Bookmark {
     bool underWay = false;    // begun and not ended
     bool again = false;       // something behind the place has changed and could not be sent
+    bool remount = false;     // all that is below the members goes with them
     std::optional<Key> next;  // what goes next; none: the commit marker
   };
   struct NoBookmark {};

@@ -116,13 +116,18 @@ void VexNboAttrLogSa<Class>::serializeColl() {
   if (!mark.underWay) {
     sendTransactionMarker(id, Transaction::begin, 0);
     sent_[I + 1] = nboAttrLogOut()->frames();
-    mark = {true, false, Access<I>::keyAfter(coll<I>(), nullptr)};
+    mark = {true, false, mark.remount, Access<I>::keyAfter(coll<I>(), nullptr)};
   }
   while (mark.next) {
     if (!continueFlowOut()) return;
     const Key key = *mark.next;
     // The bookmark's own member may have gone while the buffer was full.
-    if (Access<I>::find(coll<I>(), key) != nullptr) serializeSing<I>(key);
+    if (auto* const value = Access<I>::find(coll<I>(), key); value != nullptr) {
+      if constexpr (kind<I> == Vex::AttributeKind::members) {
+        if (mark.remount) remountAtMention(value);
+      }
+      serializeSing<I>(key);
+    }
     mark.next = Access<I>::keyAfter(coll<I>(), &key);
   }
   if (!continueFlowOut()) return;
@@ -219,7 +224,8 @@ void VexNboAttrLogSa<Class>::resendAll(Vex::AttributeId id) {
                              " unknown");
 }
 
-// Sends an attribute and all that is below it as it stands; begins again what is under way.
+// Sends an attribute and all that is below it as it stands; begins again what is under way. Costs
+// the same however many members there are: a peer may ask as often as it likes.
 template <class Class>
 template <std::size_t I>
 void VexNboAttrLogSa<Class>::resend() {
@@ -228,12 +234,9 @@ void VexNboAttrLogSa<Class>::resend() {
     auto& mark = own().template bookmark<I>();
     if (mark.underWay) own().pendingAborts().bitIs(I + 1, true);
     mark = {};
+    mark.remount = kind<I> == Vex::AttributeKind::members;
   }
-  if constexpr (isChild<I>) {
-    remountAtMention(std::get<I>(children_).child);
-  } else if constexpr (kind<I> == Vex::AttributeKind::members) {
-    for (const auto& [key, child] : childrenOf<I>()) remountAtMention(child);
-  }
+  if constexpr (isChild<I>) remountAtMention(std::get<I>(children_).child);
 }
 
 template <class Class>

@@ -201,4 +201,37 @@ TEST(AttrLogArrival, AnEntityTooManyIsRefusedWithNothingChangedAndOneInAnothersP
   EXPECT_EQ(at.status->intfStatusColl().members(), kMembers);
 }
 
+// So that a peer may ask again and again: the members cost when they are sent, and not before.
+TEST(AttrLogArrival, ARequestForMembersTouchesEachOnlyWhenItsTurnInTheTransferComes) {
+  const Trees trees;
+  for (unsigned i = 1; i <= 3; ++i) trees.status->intfStatusIs(intf(i))->disabledIs(true);
+  Silent owner;
+  Vex::NboAttrLog::Demuxer demuxer(owner, Vex::makePtr<Vex::NboAttrLog::Out>(std::size_t{4096}));
+  Vex::StreamAdapter& sut = Ringward::AttrLog::entityTypeOf<Ringward::Status::Status>.newAdapter(
+      demuxer, *trees.status, 0);
+  const auto sent = [&] {
+    demuxer.continueOutput();
+    const auto texts = textsOf(demuxer.out()->output());
+    demuxer.out()->outputDel(demuxer.out()->waitingBytes());
+    return texts;
+  };
+  sut.doSerializeOrphan();
+  const auto first = sent();
+  ASSERT_EQ(std::count(first.begin(), first.end(), "259 01"), 3);
+  const Bytes members{0, 0, 1, 2, 3};
+  for (int request = 0; request < 2; ++request) {
+    Vex::ByteConnection::In in(members);
+    sut.handleAttrDeserialization(Vex::NboAttrLog::kResendAttribute, 4, members.size(), in);
+    for (unsigned i = 1; i <= 3; ++i) {
+      const auto* const below = demuxer.adapter(*trees.status->intfStatus(intf(i)));
+      ASSERT_NE(below, nullptr);
+      EXPECT_FALSE(below->flag(Vex::StreamAdapter::kRemount));
+    }
+  }
+  const auto again = sent();
+  EXPECT_EQ(std::count(again.begin(), again.end(), "begin 258"), 1);
+  EXPECT_EQ(std::count(again.begin(), again.end(), "259 01"), 3);
+  EXPECT_TRUE(sent().empty());
+}
+
 }  // namespace
