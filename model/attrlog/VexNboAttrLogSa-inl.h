@@ -199,8 +199,7 @@ void VexNboAttrLogSa<Class>::onKey(const void* at) {
 template <class Class>
 template <std::size_t I, class Key>
 bool VexNboAttrLogSa<Class>::elementMayGo(const Key& key) {
-  const bool room = nboAttrLogOut()->hasSufficientBuffer();
-  const bool sufficient = room && demuxer()->goesAhead();
+  const bool sufficient = nboAttrLogOut()->hasSufficientBuffer() && demuxer()->goesAhead();
   if (sufficient && (flowOut() == nullptr || !flowOut()->hasDirtyAttributes())) return true;
   FlowOut& flow = own();
   auto& mark = flow.template bookmark<I>();
@@ -209,13 +208,14 @@ bool VexNboAttrLogSa<Class>::elementMayGo(const Key& key) {
   const bool leave = prepareImmediateTransmission(attribute<I>().id, !sufficient);
   if (mark.underWay) {
     // What is set ahead of the bookmark comes with the transfer. A deletion goes by itself, there
-    // too: the peer may have touched the element since the begin marker, and would keep it.
+    // too: the peer may have touched the element since the begin marker, and would keep it. One
+    // that may not go, because too many have, is told by what the next transfer leaves out.
     const bool deleted = Access<I>::find(coll<I>(), key) == nullptr;
-    const bool ahead = mark.next && !Access<I>::isBefore(key, *mark.next);
+    const bool ahead =
+        kind<I> != Vex::AttributeKind::queue && mark.next && !Access<I>::isBefore(key, *mark.next);
     if (ahead && !deleted) return false;
-    const bool goes = leave || (deleted && room);
-    if (!goes) mark.again = true;
-    return goes;
+    if (!leave) mark.again = true;
+    return leave;
   }
   if (waited) return false;
   if (leave) flow.dirtyBits().bitIs(I + 1, false);

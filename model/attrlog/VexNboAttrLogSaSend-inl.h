@@ -104,6 +104,30 @@ void VexNboAttrLogSa<Class>::metadataDirty() {
   if constexpr (hasMetadata<I>()) dirty(I);
 }
 
+// The indexes of a queue only grow: a transfer that went on to the present end would never reach it
+// if members join faster than the peer reads.
+template <class Class>
+template <std::size_t I>
+auto VexNboAttrLogSa<Class>::lastKey() const -> std::optional<typename Access<I>::Key> {
+  if constexpr (kind<I> == Vex::AttributeKind::queue) {
+    if (const auto* const tail = coll<I>().tail(); tail != nullptr) return tail->vex_index();
+  }
+  return std::nullopt;
+}
+
+// What has joined since the begin has gone by itself, or another transfer follows. If the last one
+// has left meanwhile, only the order of the indexes tells what stood behind it, and that says
+// nothing of indexes that lie too far apart: then another transfer follows in any case.
+template <class Class>
+template <std::size_t I, class Key>
+void VexNboAttrLogSa<Class>::endAtLast(const Key& reached, Bookmark<Key>& mark) const {
+  if (!mark.next || !mark.last) return;
+  const bool gone = Access<I>::find(coll<I>(), *mark.last) == nullptr;
+  if (reached != *mark.last && !(gone && Access<I>::isBefore(*mark.last, *mark.next))) return;
+  mark.next.reset();
+  mark.again = mark.again || gone;
+}
+
 template <class Class>
 template <std::size_t I>
 void VexNboAttrLogSa<Class>::serializeColl() {
@@ -116,7 +140,7 @@ void VexNboAttrLogSa<Class>::serializeColl() {
   if (!mark.underWay) {
     sendTransactionMarker(id, Transaction::begin, 0);
     sent_[I + 1] = nboAttrLogOut()->frames();
-    mark = {true, false, mark.remount, Access<I>::keyAfter(coll<I>(), nullptr)};
+    mark = {true, false, mark.remount, Access<I>::keyAfter(coll<I>(), nullptr), lastKey<I>()};
   }
   while (mark.next) {
     if (!continueFlowOut()) return;
@@ -129,6 +153,7 @@ void VexNboAttrLogSa<Class>::serializeColl() {
       serializeSing<I>(key);
     }
     mark.next = Access<I>::keyAfter(coll<I>(), &key);
+    endAtLast<I>(key, mark);
   }
   if (!continueFlowOut()) return;
   sendTransactionMarker(id, Transaction::commit, 0);
