@@ -83,7 +83,7 @@ void VexNboAttrLogSa<Class>::forEachIndex(Call&& call) {
 template <class Class>
 void VexNboAttrLogSa<Class>::vexOnChange(Vex::AttributeId id, const void* key) {
   if (demuxer() == nullptr) return;
-  try {
+  continuing([&] {
     withIndex(id, [&](auto index) {
       constexpr std::size_t I = index;
       if constexpr (isKeyed<I>) {
@@ -94,6 +94,14 @@ void VexNboAttrLogSa<Class>::vexOnChange(Vex::AttributeId id, const void* key) {
         onScalar<I>();
       }
     });
+  });
+}
+
+template <class Class>
+template <class Call>
+void VexNboAttrLogSa<Class>::continuing(Call&& call) {
+  try {
+    call();
   } catch (...) {
     demuxer()->continueOutput();
     throw;
@@ -148,10 +156,11 @@ template <class Class>
 void VexNboAttrLogSa<Class>::onIsNondestructing() {
   if (demuxer() == nullptr) return;
   constexpr Vex::AttributeId kId = Vex::Entity::kIsNondestructing;
-  follow(0, "isNondestructing", handlingFlowInFor(kId), [&] {
-    if (scalarMayGo(0, Vex::NboAttrLog::Out::kMessageRoom)) serializeNondestructing();
+  continuing([&] {
+    follow(0, "isNondestructing", handlingFlowInFor(kId), [&] {
+      if (scalarMayGo(0, Vex::NboAttrLog::Out::kMessageRoom)) serializeNondestructing();
+    });
   });
-  demuxer()->continueOutput();
 }
 
 template <class Class>

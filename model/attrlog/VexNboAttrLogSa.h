@@ -195,6 +195,10 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   // `handled` says whether the change is the one that is coming in.
   template <class Send>
   void follow(std::size_t position, std::string_view name, bool handled, Send&& send);
+  // Makes a call and lets what waits be sent, also if the call raises: it may ask the peer for
+  // something.
+  template <class Call>
+  void continuing(Call&& call);
   template <std::size_t I>
   void onScalar();
   template <std::size_t I>
