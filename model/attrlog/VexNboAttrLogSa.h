@@ -247,6 +247,8 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   template <std::size_t I>
   void readKey(bool deleted, In& in, bool refused);
   template <std::size_t I>
+  void transferUnderWayIs(bool underWay) noexcept;
+  template <std::size_t I>
   void begin();
   template <std::size_t I>
   void commit();

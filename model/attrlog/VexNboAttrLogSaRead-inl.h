@@ -156,10 +156,12 @@ void VexNboAttrLogSa<Class>::readChild(bool deleted, In& in, bool refused) {
 }
 
 // The elements between the markers are refused and put back one by one; what the transfer did not
-// mention, and the peer therefore no longer has, is not among them.
+// mention, and the peer therefore no longer has, is not among them. A transfer that began while the
+// peer had the right comes to nothing.
 template <class Class>
 void VexNboAttrLogSa<Class>::readRefusedMarker(In& in) {
   const Vex::NboAttrLog::TransactionMarker marker = Vex::NboAttrLog::readMarker(in);
+  demuxer()->flowInDel(*this);
   if (marker.type == Vex::NboAttrLog::Transaction::commit) resendAll(marker.attribute);
 }
 
@@ -221,6 +223,8 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
     if (flowIn() != nullptr) demuxer()->flowInDel(*this);
     demuxer()->flowInIs(*this).aidIs(id);
   } else if (flowIn() == nullptr || flowIn()->aid() != id) {
+    // Its begin marker was refused, perhaps: what the transfer left out still stands here.
+    if (type == Transaction::commit && !flag(kMirror)) resendAll(id);
     return;
   } else if (type == Transaction::commit) {
     flowIn()->handlingTransactionIs(true);
@@ -238,9 +242,7 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
         if (type == Transaction::commit) resend<I>();
       }
     } else if constexpr (isChild<I>) {
-      const Vex::Entity* const child = std::get<I>(children_).child;
-      Vex::StreamAdapter* const below = child != nullptr ? demuxer()->adapter(*child) : nullptr;
-      if (below != nullptr) below->flagIs(kTransferUnderWay, type == Transaction::begin);
+      transferUnderWayIs<I>(type == Transaction::begin);
     }
   });
   if (!known) {
@@ -249,6 +251,14 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
                              " unknown");
   }
   StreamAdapter::handleAttrTransaction(id, type, count);
+}
+
+template <class Class>
+template <std::size_t I>
+void VexNboAttrLogSa<Class>::transferUnderWayIs(bool underWay) noexcept {
+  const Vex::Entity* const child = std::get<I>(children_).child;
+  Vex::StreamAdapter* const below = child != nullptr ? demuxer()->adapter(*child) : nullptr;
+  if (below != nullptr) below->flagIs(kTransferUnderWay, underWay);
 }
 
 template <class Class>
@@ -308,7 +318,11 @@ void VexNboAttrLogSa<Class>::commit() {
 template <class Class>
 void VexNboAttrLogSa<Class>::marksDel(Vex::AttributeId id) noexcept {
   withIndex(id, [&](auto index) {
-    if constexpr (isKeyed<index>) unmark<index>();
+    if constexpr (isKeyed<index>) {
+      unmark<index>();
+    } else if constexpr (isChild<index>) {
+      transferUnderWayIs<index>(false);
+    }
   });
 }
 
