@@ -45,8 +45,11 @@ std::error_code readAll(const char* path, std::string& content) {
   return {};
 }
 
+// Into a file that is new: opening what somebody has left there could wait for ever, as for the
+// reader of a FIFO, and would write to who knows what.
 std::error_code writeAll(const std::string& path, std::string_view content) {
-  const Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return {errno, std::system_category()};
+  const Fd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!fd) return {errno, std::system_category()};
   while (!content.empty()) {
     const ssize_t count = ::write(fd.get(), content.data(), content.size());

@@ -5,7 +5,8 @@
 // described in docs/formats.md. Activity thread only.
 //
 // Invariants:
-//  1. The file holds one complete list at any moment: it is written beside itself and renamed.
+//  1. The file holds one complete list at any moment: it is written beside itself, to "PATH.new",
+//     in place of any file that stands there, and renamed.
 //  2. A list of another boot, or one that cannot be understood, is no list: after a boot no port is
 //     held any more, and interface indexes mean nothing.
 //  3. Nothing here throws for what the file holds or the system says.

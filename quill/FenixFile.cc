@@ -112,7 +112,7 @@ std::vector<unsigned> FenixFile::idsIn(const std::string& rootPath) {
 
 void FenixFile::validate(Sable::Platform::DebugHandler& handler, const std::string& rootPath,
                          unsigned id) {
-  const unsigned stored = read(handler, rootPath);
+  const unsigned stored = readKnown(handler, rootPath);
   if (stored == id) return;
   raise<CorruptionDetectedException>("FenixFile::validate() ", rootPath, "/fenix holds ", stored,
                                      " wanted:", id);

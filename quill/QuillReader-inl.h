@@ -169,13 +169,19 @@ template <class KEY, class VALUE>
   raise<CorruptionDetectedException>(text, slot, " not marked as occupied key:", key);
 }
 
+template <class KEY, class VALUE>
+const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
+  const KEY own = key;  // the key may lie in the value that the last operation answered
+  return lookupFrom(buckets_.peek(bucketOf(own)), own, found);
+}
+
 // The walk of find(), as short as it can be while nothing happens to the table: it keeps all in
 // registers and holds no exception's way out. Whatever is out of the ordinary, damage included, is
 // left to the careful one, which begins again.
 template <class KEY, class VALUE>
-const VALUE& QuillReader<KEY, VALUE>::lookup(const KEY& key, bool& found) const {
-  const KEY own = key;  // the key may lie in the value that the last operation answered
-  const SlotRef* const head = buckets_.peek(bucketOf(own));
+[[gnu::always_inline]] inline const VALUE& QuillReader<KEY, VALUE>::lookupFrom(const SlotRef* head,
+                                                                               const KEY& own,
+                                                                               bool& found) const {
   if (head == nullptr) [[unlikely]]
     return lookupAgain(own, found);
   const auto slots = slots_.slots();
@@ -229,8 +235,9 @@ unsigned QuillReader<KEY, VALUE>::lookupMany(const KEY* keys, unsigned count, VA
   unsigned numFound = 0;
   for (unsigned n; count != 0; keys += n, values += n, found += n, count -= n) {
     n = std::min(count, kBatch);
-    // Nothing that is looked at here is believed: lookup() reads it all again. It may also map a
-    // grown table anew, so this is where the slots are for this batch alone.
+    // Nothing that is looked at here is believed: the lookup reads it all again. It may also map a
+    // grown table anew, so this is where the slots are for this batch alone. Heads stay where they
+    // are.
     const auto slots = slots_.slots();
     std::array<const SlotRef*, kBatch> heads;
     for (unsigned i = 0; i < n; ++i) {
@@ -251,7 +258,8 @@ unsigned QuillReader<KEY, VALUE>::lookupMany(const KEY* keys, unsigned count, VA
       slots.prefetch(stored < keys[i] ? slot.ref.load(Mem::relaxed).value : firsts[i]);
     }
     for (unsigned i = 0; i < n; ++i) {
-      values[i] = lookup(keys[i], found[i]);
+      const KEY own = keys[i];
+      values[i] = lookupFrom(heads[i], own, found[i]);
       numFound += found[i] ? 1 : 0;
     }
   }

@@ -90,7 +90,7 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   // Buckets that an iteration looks ahead.
   static constexpr std::uint32_t kPrefetch = 16;
   // Keys that lookupMany() has under way: enough to hide one access to memory behind the others.
-  static constexpr unsigned kBatch = 32;
+  static constexpr unsigned kBatch = 64;
 
   // A link as it was loaded, and where. Two plain numbers: they stay in registers.
   struct Position {
@@ -137,6 +137,9 @@ class QuillReader final : public QuillBase<KEY, VALUE> {
   std::uint32_t walk(const KEY& key, std::uint32_t bucket, const WalkTexts& texts,
                      const Stop& stop) const;
   const VALUE& find(const KEY& key, bool& found) const;
+  // lookup() from the chain's head, null for one that is not mapped. `own` must not lie in
+  // scratch_.
+  const VALUE& lookupFrom(const SlotRef* head, const KEY& own, bool& found) const;
   const VALUE& lookupAgain(KEY key, bool& found) const;
   bool doFirst(std::uint32_t bucket, VALUE& value, IterHint& hint) const;
   // False: the hint does not hold.

@@ -78,6 +78,8 @@ struct ControlServer::Client {
   bool wantsRead = true;  // as the kernel was told
   bool wantsWrite = false;
   double deadline = Vex::kNever;
+  bool midway = false;  // the deadline is for the rest of a message
+  bool heard = false;   // something has come since the deadline was looked at
   std::unique_ptr<ControlStream> stream;
 };
 
@@ -163,8 +165,10 @@ void ControlServer::work(Client& client, std::size_t& frames) {
       client.readable = false;
       switch (client.connection.read(kBytesPerClient)) {
         case PC::FrameConnection::Input::closed:
-          return drop(client, {});
+          return dropClosed(client);
         case PC::FrameConnection::Input::some:
+          client.heard = true;
+          break;
         case PC::FrameConnection::Input::nothing:
           break;
       }
@@ -289,21 +293,33 @@ void ControlServer::write(Client& client) {
   // A full socket is not tried again for each change of an entity, only when it says that it has
   // room.
   if (client.writable && before != 0 && client.connection.write(kBytesPerClient)) {
-    return drop(client, {});
+    // What it said before it went may not all have been read. If it has not, nobody will.
+    const bool all = client.connection.read(kBytesPerClient) == PC::FrameConnection::Input::closed;
+    return all ? dropClosed(client) : drop(client, {});
   }
   const std::size_t after = client.connection.waiting();
   client.writable = client.writable && (after == 0 || before - after == kBytesPerClient);
   mostWaiting_ = std::max(mostWaiting_, after);
-  if (client.greeted) {
-    if (after == 0) {
-      client.deadline = Vex::kNever;
-    } else if (after != before || client.deadline == Vex::kNever) {
-      client.deadline = clock() + kStallTime;
-    }
-  }
+  if (client.greeted) updateDeadline(client, before);
   updateInterest(client);
   const bool more = client.connection.in().ready() && after < kMostOut && !client.parked;
   if (more || (client.writable && after != 0)) queue(client);
+}
+
+void ControlServer::updateDeadline(Client& client, std::size_t before) {
+  const std::size_t waiting = client.connection.waiting();
+  const bool heard = std::exchange(client.heard, false);
+  // A whole frame waits for this side, and while something waits for the client the rest of one may
+  // stand in its socket, unread.
+  const PC::FrameReader& in = client.connection.in();
+  const bool midway = waiting == 0 && in.waiting() != 0 && !in.ready();
+  const bool wasMidway = std::exchange(client.midway, midway);
+  if (waiting == 0 && !midway) {
+    client.deadline = Vex::kNever;
+  } else if (client.deadline == Vex::kNever || midway != wasMidway ||
+             (midway ? heard : waiting != before)) {
+    client.deadline = clock() + kStallTime;
+  }
 }
 
 void ControlServer::updateInterest(Client& client) {
@@ -408,6 +424,9 @@ void ControlServer::runDue(double now) {
   for (Client* const client : late) {
     if (!client->greeted) {
       drop(*client, "no hello within 10 seconds");
+    } else if (client->midway) {
+      drop(*client, "it has said nothing for 30 seconds in the middle of a message; " +
+                        count(client->connection.in().waiting(), "bytes of it have come"));
     } else {
       drop(*client, "it has not read for 30 seconds; " +
                         count(client->connection.waiting(), "bytes wait for it"));
@@ -424,6 +443,10 @@ void ControlServer::drop(Client& client, const std::string& reason) {
   client.connection.frameOut(typeOf(PC::FrameType::farewell), PC::farewellBody(reason));
   static_cast<void>(client.connection.write(kMostOut));
   logDrop(client.who, reason);
+}
+
+void ControlServer::dropClosed(Client& client) {
+  drop(client, client.connection.in().endsInside() ? "it went in the middle of a message" : "");
 }
 
 // The log's own limit is one for each text, and a client could bring forth any number of texts.

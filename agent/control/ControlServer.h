@@ -20,7 +20,7 @@
 //     of it.
 //  3. Whatever a client does, or leaves undone, ends its own connection at most, with one log line;
 //     of such lines there are at most kMaxLinesPerSecond a second.
-//  4. No timer runs while every client has said hello and taken what there was.
+//  4. No timer runs while every client has said hello, sent what it began and taken what there was.
 //  5. Those who may only read have kReaderFramesPerSecond frames a second carried out, counted as
 //     above, all of them together; the rest waits, in their sockets in the end. A frame begins
 //     while there is something left, and what it takes beyond that is missing in the next second:
@@ -73,8 +73,8 @@ class ControlServer final : private Vex::ReadableHandler,
   static constexpr unsigned kMaxLinesPerSecond = 8;
   static constexpr unsigned kAcceptsPerSecond = 64;
   static constexpr std::size_t kReaderFramesPerSecond = 2000;
-  // Seconds: within which a client says hello; without taking a byte of what waits for it; without
-  // accepting after a failure.
+  // Seconds: within which a client says hello; without taking a byte of what waits for it, or, if
+  // nothing does, sending one of a message that it has begun; without accepting after a failure.
   static constexpr double kHelloTime = 10.0;
   static constexpr double kStallTime = 30.0;
   static constexpr double kAcceptPause = 1.0;
@@ -124,9 +124,13 @@ class ControlServer final : private Vex::ReadableHandler,
   void handleRequest(Client& client, const Platform::Linux::Control::Request& request);
   void answer(Client& client, const Platform::Linux::Control::Answer& answer);
   void write(Client& client);
+  // At the end of its turn; `before`: the bytes that waited for it before the last write.
+  void updateDeadline(Client& client, std::size_t before);
   void updateInterest(Client& client);
   // An empty reason: it went by itself. The client is gone afterwards.
   void drop(Client& client, const std::string& reason);
+  // The same for one that has closed, of which everything has been read.
+  void dropClosed(Client& client);
   void logDrop(const Credentials& who, const std::string& reason);
   double clock() const noexcept { return manager_.clock()->now(); }
 

@@ -17,7 +17,8 @@ using Platform::Linux::Fd;
 
 namespace {
 
-constexpr int kBacklog = 16;
+// What waits there costs the kernel little, and a crowd of clients must not shut the operator out.
+constexpr int kBacklog = 128;
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kSocketMode = 0666;
 

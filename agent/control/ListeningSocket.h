@@ -25,8 +25,9 @@ class ListeningSocket {
   ListeningSocket& operator=(const ListeningSocket&) = delete;
   ~ListeningSocket() { close(); }
 
-  // Listens on `path`; makes its directory (0755) if that is missing, but not the one in which that
-  // stands. Everybody may connect (0666). Empty, or why it cannot be; nothing is open then.
+  // Listens on `path`, with room for 128 who wait to be accepted; makes its directory (0755) if
+  // that is missing, but not the one in which that stands. Everybody may connect (0666). Empty, or
+  // why it cannot be; nothing is open then.
   // REQUIRES: nothing is open; the path is absolute.
   std::string open(const std::string& path);
   void close() noexcept;

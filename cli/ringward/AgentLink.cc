@@ -42,7 +42,26 @@ void throwUnreachable(const std::string& path, const std::error_code& error) {
     throw Failure(ExitStatus::noAgent, "no agent listens on " + at +
                                            "; start ringwardd, or name its socket with --socket");
   }
+  if (error == std::errc::resource_unavailable_try_again) {
+    throw Failure(ExitStatus::failed, "too many wait for the agent on " + inQuotes(path) +
+                                          "; it may be stopped, see its log");
+  }
   throw Failure(ExitStatus::failed, "cannot connect to the agent on " + at);
+}
+
+std::error_code openPatiently(Vex::EpollActivityManager& loop, Control::ControlClient& client,
+                              const std::string& path, const std::function<bool()>& givenUp) {
+  const double limit = loop.clock()->now() + AgentLink::kPatience;
+  for (;;) {
+    const std::error_code error = client.open(path);
+    const double now = loop.clock()->now();
+    if (error != std::errc::resource_unavailable_try_again || now >= limit) return error;
+    const double next = now + AgentLink::kConnectPause;
+    for (double left = AgentLink::kConnectPause; left > 0; left = next - loop.clock()->now()) {
+      loop.runTurn(left);
+      if (givenUp()) return error;
+    }
+  }
 }
 
 AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path, double patience)
@@ -62,7 +81,8 @@ AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path, d
                      reason_ = reason;
                    },
                .written = {}}) {
-  if (const std::error_code error = client_.open(path)) throwUnreachable(path, error);
+  const std::error_code error = openPatiently(loop, client_, path, [] { return false; });
+  if (error) throwUnreachable(path, error);
   await([this] { return greeted_; });
 }
 

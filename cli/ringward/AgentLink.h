@@ -7,7 +7,9 @@
 #pragma once
 
 #include <deque>
+#include <functional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "platform/linux/control/ControlClient.h"
@@ -29,8 +31,11 @@ struct Node {
 
 class AgentLink {
  public:
-  // Seconds without a word from the agent, for whoever names no others.
+  // Seconds without a word from the agent, for whoever names no others, and for a place among those
+  // who wait to be taken.
   static constexpr double kPatience = 10.0;
+  // Seconds from one try to get such a place to the next.
+  static constexpr double kConnectPause = 0.05;
   static constexpr const char* kName = "ringward";
 
   // Connects. Raises Failure: noAgent if nobody listens at `path`, failed for everything else.
@@ -72,6 +77,11 @@ class AgentLink {
   std::deque<Control::Answer> answers_;
   Control::ControlClient client_;
 };
+
+// Opens `client`. While too many others wait at `path` the loop turns, and it is tried again until
+// the patience of AgentLink is over or `givenUp` says so.
+std::error_code openPatiently(Vex::EpollActivityManager& loop, Control::ControlClient& client,
+                              const std::string& path, const std::function<bool()>& givenUp);
 
 // The failure of a connection that could not be made.
 [[noreturn]] void throwUnreachable(const std::string& path, const std::error_code& error);

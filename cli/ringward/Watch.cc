@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <memory>
 #include <set>
 
@@ -80,11 +81,13 @@ class Following {
                        handleFrame(frame);
                      },
                  .gone = [this](const std::string& reason) { gone_ = reason; },
-                 .written = {}}) {
-    heardIs();
-  }
+                 .written = {}}) {}
 
-  std::error_code open(const std::string& socket) { return client_.open(socket); }
+  std::error_code open(const std::string& socket, const std::function<bool()>& givenUp) {
+    const std::error_code error = openPatiently(context_.loop(), client_, socket, givenUp);
+    heardIs();  // the wait for a place is not the agent's silence
+    return error;
+  }
   // One turn of the loop. An agent that says nothing for too long is gone, as long as it has not
   // told the present state: after that it has nothing to say while nothing changes.
   void runTurn() {
@@ -220,7 +223,8 @@ void watch(Context& context) {
   for (;;) {
     {
       Following following(context, paths);
-      std::error_code error = following.open(socket);
+      const std::error_code error = following.open(socket, [&stop] { return stop.came() != 0; });
+      if (stop.came() != 0) return;
       if (error && !context.arguments().reconnect) throwUnreachable(socket, error);
       while (!error && following.gone().empty()) {
         following.runTurn();

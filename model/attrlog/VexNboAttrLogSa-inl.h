@@ -83,7 +83,7 @@ void VexNboAttrLogSa<Class>::forEachIndex(Call&& call) {
 template <class Class>
 void VexNboAttrLogSa<Class>::vexOnChange(Vex::AttributeId id, const void* key) {
   if (demuxer() == nullptr) return;
-  try {
+  continuing([&] {
     withIndex(id, [&](auto index) {
       constexpr std::size_t I = index;
       if constexpr (isKeyed<I>) {
@@ -94,6 +94,14 @@ void VexNboAttrLogSa<Class>::vexOnChange(Vex::AttributeId id, const void* key) {
         onScalar<I>();
       }
     });
+  });
+}
+
+template <class Class>
+template <class Call>
+void VexNboAttrLogSa<Class>::continuing(Call&& call) {
+  try {
+    call();
   } catch (...) {
     demuxer()->continueOutput();
     throw;
@@ -131,7 +139,7 @@ bool VexNboAttrLogSa<Class>::scalarMayGo(std::size_t position, std::size_t room)
   FlowOut& flow = own();
   flow.dirtyBits().bitIs(position, true);
   if (!prepareImmediateTransmission(attributeAt(position), !sufficient)) return false;
-  flow.dirtyBits().bitIs(position, false);
+  flow.doneIs(position);
   return true;
 }
 
@@ -148,10 +156,11 @@ template <class Class>
 void VexNboAttrLogSa<Class>::onIsNondestructing() {
   if (demuxer() == nullptr) return;
   constexpr Vex::AttributeId kId = Vex::Entity::kIsNondestructing;
-  follow(0, "isNondestructing", handlingFlowInFor(kId), [&] {
-    if (scalarMayGo(0, Vex::NboAttrLog::Out::kMessageRoom)) serializeNondestructing();
+  continuing([&] {
+    follow(0, "isNondestructing", handlingFlowInFor(kId), [&] {
+      if (scalarMayGo(0, Vex::NboAttrLog::Out::kMessageRoom)) serializeNondestructing();
+    });
   });
-  demuxer()->continueOutput();
 }
 
 template <class Class>
@@ -199,8 +208,7 @@ void VexNboAttrLogSa<Class>::onKey(const void* at) {
 template <class Class>
 template <std::size_t I, class Key>
 bool VexNboAttrLogSa<Class>::elementMayGo(const Key& key) {
-  const bool room = nboAttrLogOut()->hasSufficientBuffer();
-  const bool sufficient = room && demuxer()->goesAhead();
+  const bool sufficient = nboAttrLogOut()->hasSufficientBuffer() && demuxer()->goesAhead();
   if (sufficient && (flowOut() == nullptr || !flowOut()->hasDirtyAttributes())) return true;
   FlowOut& flow = own();
   auto& mark = flow.template bookmark<I>();
@@ -209,13 +217,14 @@ bool VexNboAttrLogSa<Class>::elementMayGo(const Key& key) {
   const bool leave = prepareImmediateTransmission(attribute<I>().id, !sufficient);
   if (mark.underWay) {
     // What is set ahead of the bookmark comes with the transfer. A deletion goes by itself, there
-    // too: the peer may have touched the element since the begin marker, and would keep it.
+    // too: the peer may have touched the element since the begin marker, and would keep it. One
+    // that may not go, because too many have, is told by what the next transfer leaves out.
     const bool deleted = Access<I>::find(coll<I>(), key) == nullptr;
-    const bool ahead = mark.next && !Access<I>::isBefore(key, *mark.next);
+    const bool ahead =
+        kind<I> != Vex::AttributeKind::queue && mark.next && !Access<I>::isBefore(key, *mark.next);
     if (ahead && !deleted) return false;
-    const bool goes = leave || (deleted && room);
-    if (!goes) mark.again = true;
-    return goes;
+    if (!leave) mark.again = true;
+    return leave;
   }
   if (waited) return false;
   if (leave) flow.dirtyBits().bitIs(I + 1, false);

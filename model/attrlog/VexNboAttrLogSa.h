@@ -19,8 +19,9 @@
 //  1. A transfer's begin marker goes ahead of its first member, its commit marker behind its last.
 //  2. A change during a transfer of a key behind the place reached goes at once; without room for
 //     it, or when too many have gone ahead of it, the transfer is followed by another one, behind
-//     whatever else waits. So every transfer comes to its end, and everything has its turn, however
-//     often a collection changes and however slowly the peer reads.
+//     whatever else waits. A deletion, and any change of a queue, does the same wherever it stands.
+//     So every transfer comes to its end, and everything has its turn, however often a collection
+//     changes and however slowly the peer reads.
 //  3. A member is deleted by a transfer only at the commit marker, and only if it was there at the
 //     begin marker and has been neither sent nor changed here since.
 #pragma once
@@ -67,7 +68,9 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   struct Bookmark {
     bool underWay = false;    // begun and not ended
     bool again = false;       // something behind the place has changed and could not be sent
+    bool remount = false;     // all that is below the members goes with them
     std::optional<Key> next;  // what goes next; none: the commit marker
+    std::optional<Key> last;  // of a queue, the last one at the begin
   };
   struct NoBookmark {};
   template <class A, class = void>
@@ -192,6 +195,10 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   // `handled` says whether the change is the one that is coming in.
   template <class Send>
   void follow(std::size_t position, std::string_view name, bool handled, Send&& send);
+  // Makes a call and lets what waits be sent, also if the call raises: it may ask the peer for
+  // something.
+  template <class Call>
+  void continuing(Call&& call);
   template <std::size_t I>
   void onScalar();
   template <std::size_t I>
@@ -207,6 +214,10 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   void serializeSing(const Key& key);
   template <std::size_t I>
   void serializeColl();
+  template <std::size_t I>
+  std::optional<typename Access<I>::Key> lastKey() const;
+  template <std::size_t I, class Key>
+  void endAtLast(const Key& reached, Bookmark<Key>& mark) const;
   template <std::size_t I>
   void serializeScalar();
   template <std::size_t I>
@@ -225,6 +236,7 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   void resendKey(const Key& key);
   bool crossedAt(std::size_t position) const noexcept;
   bool crossedSinceBegin(std::size_t position) const noexcept;
+  void arrived(std::size_t position) noexcept;
 
   // Reading.
   template <std::size_t I>
@@ -234,6 +246,8 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   void readRefusedMarker(In& in);
   template <std::size_t I>
   void readKey(bool deleted, In& in, bool refused);
+  template <std::size_t I>
+  void transferUnderWayIs(bool underWay) noexcept;
   template <std::size_t I>
   void begin();
   template <std::size_t I>

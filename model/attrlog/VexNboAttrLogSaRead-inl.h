@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "model/attrlog/VexNboAttrLogSa.h"
@@ -25,6 +26,14 @@ bool VexNboAttrLogSa<Class>::crossedSinceBegin(std::size_t position) const noexc
   if (flag(kMirror)) return false;
   const bool waits = flowOut() != nullptr && flowOut()->dirtyBits().has(position);
   return waits || sent_[position] > flowIn()->peerReceived();
+}
+
+// What has come in takes the place of a change of ours that waits to be sent. Sent all the same it
+// would be the peer's own value, and would undo what the peer has made of it since. What the peer
+// is owed goes nevertheless: it may have another object by now, which knows nothing of the value.
+template <class Class>
+void VexNboAttrLogSa<Class>::arrived(std::size_t position) noexcept {
+  if (flowOut() != nullptr && !flowOut()->isOwed(position)) flowOut()->doneIs(position);
 }
 
 template <class Class>
@@ -66,6 +75,7 @@ void VexNboAttrLogSa<Class>::handleAttrDeserialization(std::int32_t id, std::uin
         const Handling handling(*this, of, nullptr);
         entity_->isNondestructingIs(value);
       }
+      arrived(0);
       if (crossedAt(0)) dirty(0);
     }
   } catch (const Vex::RangeException& error) {
@@ -89,6 +99,7 @@ void VexNboAttrLogSa<Class>::readScalar(In& in, bool refused) {
     const Handling handling(*this, a.id, nullptr);
     std::invoke(a.set, *entity_, value);
   }
+  arrived(I + 1);
   if (crossedAt(I + 1)) resend<I>();
 }
 
@@ -113,30 +124,44 @@ void VexNboAttrLogSa<Class>::readChild(bool deleted, In& in, bool refused) {
     demuxer()->owner().handleRefused(*this, a.id);
     return resend<I>();
   }
+  if (!deleted) {
+    demuxer()->requireRoomFor(arrival.id, isPresent ? present().get() : nullptr,
+                              isPresent ? nullptr : present().get());
+  }
   if (deleted) {
     const Handling handling(*this, a.id, nullptr);
     std::invoke(a.del, *entity_);
   } else {
     const Handling handling(*this, a.id, nullptr);
-    const auto child = [&] {
+    const Vex::Name childName(name);
+    const auto child = [&]() -> std::remove_cvref_t<decltype(present())> {
       const Arriving arriving(*this, arrival);
-      return std::invoke(a.make, *entity_, Vex::Name(name));
+      try {
+        return std::invoke(a.make, *entity_, childName);
+      } catch (const Vex::RangeException& error) {
+        // A reaction has taken the child away again: nothing that the peer could be blamed for.
+        if (error.text() != "null ValidPtr") throw;
+        return nullptr;
+      }
     }();
-    if (demuxer() != nullptr && child == std::invoke(a.get, std::as_const(*entity_))) {
+    if (demuxer() != nullptr && child && child == present()) {
       childAdapter<I>(*child, &arrival);
     }
   }
   if (demuxer() == nullptr) return;
+  arrived(I + 1);
   // A reaction may have put something else in its place, which is no echo.
   const bool asArrived = deleted ? !present() : present() && present()->name().view() == name;
   if (crossedAt(I + 1) || (!flag(kMirror) && !asArrived)) resend<I>();
 }
 
 // The elements between the markers are refused and put back one by one; what the transfer did not
-// mention, and the peer therefore no longer has, is not among them.
+// mention, and the peer therefore no longer has, is not among them. A transfer that began while the
+// peer had the right comes to nothing.
 template <class Class>
 void VexNboAttrLogSa<Class>::readRefusedMarker(In& in) {
   const Vex::NboAttrLog::TransactionMarker marker = Vex::NboAttrLog::readMarker(in);
+  demuxer()->flowInDel(*this);
   if (marker.type == Vex::NboAttrLog::Transaction::commit) resendAll(marker.attribute);
 }
 
@@ -164,6 +189,9 @@ void VexNboAttrLogSa<Class>::readKey(bool deleted, In& in, bool refused) {
       Access<I>::members(coll<I>()) >= Vex::NboAttrLog::Demuxer::kMaxMembers) {
     Vex::throwRangeException("more than " + std::to_string(Vex::NboAttrLog::Demuxer::kMaxMembers) +
                              " members not allowed");
+  }
+  if constexpr (kMembers) {
+    if (!deleted) demuxer()->requireRoomFor(arrival.id, Access<I>::find(coll<I>(), key), nullptr);
   }
   markIs<I>(key, false);
   const Handling handling(*this, a.id, &key);
@@ -195,6 +223,8 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
     if (flowIn() != nullptr) demuxer()->flowInDel(*this);
     demuxer()->flowInIs(*this).aidIs(id);
   } else if (flowIn() == nullptr || flowIn()->aid() != id) {
+    // Its begin marker was refused, perhaps: what the transfer left out still stands here.
+    if (type == Transaction::commit && !flag(kMirror)) resendAll(id);
     return;
   } else if (type == Transaction::commit) {
     flowIn()->handlingTransactionIs(true);
@@ -212,9 +242,7 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
         if (type == Transaction::commit) resend<I>();
       }
     } else if constexpr (isChild<I>) {
-      const Vex::Entity* const child = std::get<I>(children_).child;
-      Vex::StreamAdapter* const below = child != nullptr ? demuxer()->adapter(*child) : nullptr;
-      if (below != nullptr) below->flagIs(kTransferUnderWay, type == Transaction::begin);
+      transferUnderWayIs<I>(type == Transaction::begin);
     }
   });
   if (!known) {
@@ -223,6 +251,14 @@ void VexNboAttrLogSa<Class>::handleAttrTransaction(Vex::AttributeId id,
                              " unknown");
   }
   StreamAdapter::handleAttrTransaction(id, type, count);
+}
+
+template <class Class>
+template <std::size_t I>
+void VexNboAttrLogSa<Class>::transferUnderWayIs(bool underWay) noexcept {
+  const Vex::Entity* const child = std::get<I>(children_).child;
+  Vex::StreamAdapter* const below = child != nullptr ? demuxer()->adapter(*child) : nullptr;
+  if (below != nullptr) below->flagIs(kTransferUnderWay, underWay);
 }
 
 template <class Class>
@@ -282,7 +318,11 @@ void VexNboAttrLogSa<Class>::commit() {
 template <class Class>
 void VexNboAttrLogSa<Class>::marksDel(Vex::AttributeId id) noexcept {
   withIndex(id, [&](auto index) {
-    if constexpr (isKeyed<index>) unmark<index>();
+    if constexpr (isKeyed<index>) {
+      unmark<index>();
+    } else if constexpr (isChild<index>) {
+      transferUnderWayIs<index>(false);
+    }
   });
 }
 

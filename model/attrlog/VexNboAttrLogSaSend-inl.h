@@ -30,7 +30,7 @@ void VexNboAttrLogSa<Class>::closeMessage(std::size_t position) {
 
 template <class Class>
 void VexNboAttrLogSa<Class>::dirty(std::size_t position) {
-  own().dirtyBits().bitIs(position, true);
+  own().owedIs(position);
   demuxer()->queuedIs(*this, true);
 }
 
@@ -104,6 +104,30 @@ void VexNboAttrLogSa<Class>::metadataDirty() {
   if constexpr (hasMetadata<I>()) dirty(I);
 }
 
+// The indexes of a queue only grow: a transfer that went on to the present end would never reach it
+// if members join faster than the peer reads.
+template <class Class>
+template <std::size_t I>
+auto VexNboAttrLogSa<Class>::lastKey() const -> std::optional<typename Access<I>::Key> {
+  if constexpr (kind<I> == Vex::AttributeKind::queue) {
+    if (const auto* const tail = coll<I>().tail(); tail != nullptr) return tail->vex_index();
+  }
+  return std::nullopt;
+}
+
+// What has joined since the begin has gone by itself, or another transfer follows. If the last one
+// has left meanwhile, only the order of the indexes tells what stood behind it, and that says
+// nothing of indexes that lie too far apart: then another transfer follows in any case.
+template <class Class>
+template <std::size_t I, class Key>
+void VexNboAttrLogSa<Class>::endAtLast(const Key& reached, Bookmark<Key>& mark) const {
+  if (!mark.next || !mark.last) return;
+  const bool gone = Access<I>::find(coll<I>(), *mark.last) == nullptr;
+  if (reached != *mark.last && !(gone && Access<I>::isBefore(*mark.last, *mark.next))) return;
+  mark.next.reset();
+  mark.again = mark.again || gone;
+}
+
 template <class Class>
 template <std::size_t I>
 void VexNboAttrLogSa<Class>::serializeColl() {
@@ -116,18 +140,25 @@ void VexNboAttrLogSa<Class>::serializeColl() {
   if (!mark.underWay) {
     sendTransactionMarker(id, Transaction::begin, 0);
     sent_[I + 1] = nboAttrLogOut()->frames();
-    mark = {true, false, Access<I>::keyAfter(coll<I>(), nullptr)};
+    mark = {true, false, mark.remount, Access<I>::keyAfter(coll<I>(), nullptr), lastKey<I>()};
   }
   while (mark.next) {
     if (!continueFlowOut()) return;
     const Key key = *mark.next;
     // The bookmark's own member may have gone while the buffer was full.
-    if (Access<I>::find(coll<I>(), key) != nullptr) serializeSing<I>(key);
+    if (auto* const value = Access<I>::find(coll<I>(), key); value != nullptr) {
+      if constexpr (kind<I> == Vex::AttributeKind::members) {
+        if (mark.remount) remountAtMention(value);
+      }
+      serializeSing<I>(key);
+    }
     mark.next = Access<I>::keyAfter(coll<I>(), &key);
+    endAtLast<I>(key, mark);
   }
   if (!continueFlowOut()) return;
   sendTransactionMarker(id, Transaction::commit, 0);
   sent_[I + 1] = nboAttrLogOut()->frames();
+  flow.doneIs(I + 1);
   flow.dirtyBits().bitIs(I + 1, mark.again);
   flow.yieldsIs(mark.again);
   mark = {};
@@ -154,16 +185,16 @@ void VexNboAttrLogSa<Class>::handleAttrFlowOut(Vex::AttributeId id) {
       sendTransactionMarker(id, Transaction::begin, 0);
       serializeChild<I>();
       sendTransactionMarker(id, Transaction::commit, 0);
-      flow.dirtyBits().bitIs(I + 1, false);
+      flow.doneIs(I + 1);
     } else if constexpr (travels<I>()) {
       serializeScalar<I>();
-      flow.dirtyBits().bitIs(I + 1, false);
+      flow.doneIs(I + 1);
     }
   });
   if (known) return;
   if (id != Vex::Entity::kIsNondestructing) return StreamAdapter::handleAttrFlowOut(id);
   serializeNondestructing();
-  flow.dirtyBits().bitIs(0, false);
+  flow.doneIs(0);
 }
 
 // A transfer that is under way goes on before another begins; else they take turns.
@@ -200,7 +231,7 @@ void VexNboAttrLogSa<Class>::doRemountSelf(Vex::NboAttrLog::Out& /*out*/) {
 
 template <class Class>
 void VexNboAttrLogSa<Class>::freeResyncState(Vex::NboAttrLog::FlowOut& flowOut) {
-  flowOut.dirtyBits().clear();
+  flowOut.allDone();
   flowOut.pendingAborts().clear();
   forEachIndex([&](auto index) {
     if constexpr (isKeyed<index>) static_cast<FlowOut&>(flowOut).template bookmark<index>() = {};
@@ -218,7 +249,8 @@ void VexNboAttrLogSa<Class>::resendAll(Vex::AttributeId id) {
                              " unknown");
 }
 
-// Sends an attribute and all that is below it as it stands; begins again what is under way.
+// Sends an attribute and all that is below it as it stands; begins again what is under way. Costs
+// the same however many members there are: a peer may ask as often as it likes.
 template <class Class>
 template <std::size_t I>
 void VexNboAttrLogSa<Class>::resend() {
@@ -227,12 +259,9 @@ void VexNboAttrLogSa<Class>::resend() {
     auto& mark = own().template bookmark<I>();
     if (mark.underWay) own().pendingAborts().bitIs(I + 1, true);
     mark = {};
+    mark.remount = kind<I> == Vex::AttributeKind::members;
   }
-  if constexpr (isChild<I>) {
-    remountAtMention(std::get<I>(children_).child);
-  } else if constexpr (kind<I> == Vex::AttributeKind::members) {
-    for (const auto& [key, child] : childrenOf<I>()) remountAtMention(child);
-  }
+  if constexpr (isChild<I>) remountAtMention(std::get<I>(children_).child);
 }
 
 template <class Class>

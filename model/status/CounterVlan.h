@@ -7,7 +7,7 @@
 //
 // Invariants:
 //  1. It begins with its key and has no byte that is not named here.
-//  2. `padding` is 0, unless the bytes come from somebody else.
+//  2. `padding` is 0, unless the bytes come from somebody else. It is no part of the value.
 #pragma once
 
 #include <compare>
@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 
 #include "runtime/bridging/VlanId.h"
@@ -22,8 +23,8 @@
 
 namespace Ringward::Status {
 
-// The counts wrap at 32 bits. Compared field by field, in the order in which they stand. Key 0
-// stands for frames without a known VLAN.
+// The counts wrap at 32 bits. Compared by key, tx, rx and rxOther, in this order. Key 0 stands for
+// frames without a known VLAN.
 struct CounterVlan {
   // The type's name in a table's header.
   static constexpr std::string_view kTypeName = "Ringward::Status::CounterVlan";
@@ -46,7 +47,13 @@ struct CounterVlan {
   std::uint32_t rx = 0;       // valid probes received
   std::uint32_t rxOther = 0;  // frames received that are no valid probes
 
-  friend auto operator<=>(const CounterVlan&, const CounterVlan&) = default;
+  friend constexpr auto operator<=>(const CounterVlan& left, const CounterVlan& right) noexcept {
+    return std::tie(left.key, left.tx, left.rx, left.rxOther) <=>
+           std::tie(right.key, right.tx, right.rx, right.rxOther);
+  }
+  friend constexpr bool operator==(const CounterVlan& left, const CounterVlan& right) noexcept {
+    return left <=> right == 0;
+  }
 };
 
 static_assert(sizeof(CounterVlan) == 16 && alignof(CounterVlan) == 4);

@@ -13,7 +13,8 @@ PacketTotals::PacketTotals(Vex::Ptr<Ringward::Status::IntfTotalsDir> dir,
       timer_(Sable::Platform::getTimerControl(*this)) {}
 
 PacketTotals::~PacketTotals() {
-  if (!changed_.empty()) write();
+  // What the socket alone knows may be more than was written, though no probe has come since.
+  if (!changed_.empty() || socketTotals() != writtenSocket_) write();
 }
 
 PacketTotals::Counts& PacketTotals::countsIs(const Portus::IntfId& intfId) {
@@ -64,12 +65,17 @@ void PacketTotals::write() {
     at->second.changed_ = false;
     dir_->intfTotalsIs(at->second.totals_);
   }
+  writtenSocket_ = socketTotals();
+  dir_->intfTotalsIs(writtenSocket_);
+}
+
+PacketTotals::IntfTotals PacketTotals::socketTotals() const {
   const PacketSocket::Statistics now = socket_();
   IntfTotals record = earlierSocket_;
   record.foreignProbes += now.foreign;
   record.malformed += now.rejectedByRule;
   record.kernelDrops += now.kernelDrops;
-  dir_->intfTotalsIs(record);
+  return record;
 }
 
 void PacketTotals::adopt(const IntfTotals& earlier) {

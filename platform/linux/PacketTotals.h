@@ -31,7 +31,9 @@ class PacketTotals final : private Sable::Platform::TimeoutHandler {
  public:
   using IntfTotals = Ringward::Status::IntfTotals;
 
-  // Seconds by which a table may be behind, and what is lost when the process is killed.
+  // Seconds by which a table may be behind, and what is lost when the process is killed. The
+  // socket's own record is as old as the last writing, however long ago that was: nobody is told
+  // when one of its counts changes, and to look for it would wake an idle system.
   static constexpr double kWritePause = 1.0;
 
   // One interface's counts. Good as long as it is used (countsIs()).
@@ -82,6 +84,8 @@ class PacketTotals final : private Sable::Platform::TimeoutHandler {
   }
   void changed(Counts& counts);
   void adopt(const IntfTotals& earlier);
+  // The record of the packet socket as it is now.
+  IntfTotals socketTotals() const;
   // Removes one entry and its record; whether there was one without packet access.
   bool makeRoom();
   void timeout() override { write(); }
@@ -92,6 +96,7 @@ class PacketTotals final : private Sable::Platform::TimeoutHandler {
   std::unordered_map<Portus::IntfId, Counts> counts_;
   std::vector<Portus::IntfId> changed_;
   IntfTotals earlierSocket_;  // what earlier runs have counted
+  IntfTotals writtenSocket_;  // as the table has it
   bool mounted_ = false;      // a table has been mounted before
   std::uint64_t age_ = 0;     // the last one given
   std::unique_ptr<Sable::Platform::TimerControl> timer_;

@@ -96,7 +96,8 @@ bool VexQuillMap<PARENT, VALUE, KEY>::validateFiles() {
   });
   try {
     return Map::validateFiles();
-  } catch (const Sable::Exception&) {
+  } catch (const Quill::CorruptionDetectedException&) {
+    // Anything else says nothing about the table, which goes on.
     if (guardian_ != nullptr) guardian_->tableInvalid(*this);
     throw;
   }
@@ -168,11 +169,12 @@ VALUE VexQuillMap<PARENT, VALUE, KEY>::recordDel(const KEY& key) {
 template <class PARENT, class VALUE, class KEY>
 void VexQuillMap<PARENT, VALUE, KEY>::delAll() {
   VALUE value;
+  VALUE gone;
   Quill::IterHint hint;
   for (bool more = this->first(value, hint); more;) {
     const KEY key = Quill::keyOf<KEY>(value);
     more = this->next(key, value, hint);
-    this->safeRemove(key);
+    this->remove(key, gone);
   }
 }
 

@@ -55,7 +55,7 @@ class VexQuillMap final : public Quill::QuillMap<KEY, VALUE, VexNotifier<KEY, VA
   void handleParent() override;
 
   void init(Quill::QuillType mode, bool isLocal, unsigned int size) override;
-  // The guardian hears of a table that is not sound.
+  // The guardian hears of a table that is not sound, and not of a check that cannot be made.
   bool validate() override;
   bool validateFiles() override;
   std::string classType() const override;
@@ -126,6 +126,7 @@ class VexQuillMap final : public Quill::QuillMap<KEY, VALUE, VexNotifier<KEY, VA
   // One step of a walk. Damage ends the walk.
   template <class Step>
   std::optional<VALUE> step(Step&& take) const;
+  // Not guarded.
   void delAll();
 
   PARENT* parent_ = nullptr;

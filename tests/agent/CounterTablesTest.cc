@@ -296,7 +296,7 @@ TEST_F(CounterTablesTest, WithoutRoomToGrowCountingGoesOnLocallyWithEverythingTh
   EXPECT_EQ(log_.texts().size(), 2U);
 }
 
-TEST_F(CounterTablesTest, TheTotalsOfAnEarlierRunStayTheCountersAreTakenOverToo) {
+TEST_F(CounterTablesTest, TheNextRunGoesOnFromTheTotalsAndCountsAnew) {
   start();
   count();
   totals_->intfTotalsIs({eth1, 1, 2, 3, 4, 5, 6});
@@ -304,6 +304,9 @@ TEST_F(CounterTablesTest, TheTotalsOfAnEarlierRunStayTheCountersAreTakenOverToo)
   EXPECT_EQ(Totals(totalsPath_, kReader).at(eth1).malformed, 5U);
   start();
   EXPECT_EQ(totals_->intfTotals(eth1), (IntfTotals{eth1, 1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(shared(eth1), CounterIntf());
+  count();
+  EXPECT_EQ(shared(eth1).rx, 1U);
 }
 
 TEST_F(CounterTablesTest, ATableOfAnotherSizeIsMadeAnew) {

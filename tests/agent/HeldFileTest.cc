@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "agent/HeldFile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -73,6 +74,26 @@ TEST_F(HeldFileTest, AFailedWriteLeavesTheOldListAndIsTriedAgain) {
   std::filesystem::remove(path + ".new");
   EXPECT_EQ(sut.write(fewer), std::error_code());
   EXPECT_EQ(HeldFile(path).read(error), fewer);
+}
+
+// Nothing of it is opened: a FIFO without a reader would hold the agent up for ever.
+TEST_F(HeldFileTest, WhatIsNoFileInTheWayIsReplacedAndNotWrittenTo) {
+  const std::string path = directory / "held.json";
+  const std::string beside = path + ".new";
+  ASSERT_EQ(mkfifo(beside.c_str(), 0600), 0);
+  const int reader = open(beside.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  ASSERT_EQ(HeldFile(path).write(kPorts), std::error_code());
+  EXPECT_TRUE(std::filesystem::is_regular_file(path));
+  close(reader);
+  ASSERT_FALSE(HasFailure()) << "without a reader it would wait";
+  ASSERT_EQ(mkfifo(beside.c_str(), 0600), 0);
+  EXPECT_EQ(HeldFile(path).write({kPorts[0]}), std::error_code());
+  EXPECT_EQ(HeldFile(path).read(error), std::vector<HeldPort>{kPorts[0]});
+  std::ofstream(directory / "precious") << "precious";
+  std::filesystem::create_symlink(directory / "precious", beside);
+  EXPECT_EQ(HeldFile(path).write(kPorts), std::error_code());
+  EXPECT_EQ(HeldFile(path).read(error), kPorts);
+  EXPECT_EQ(std::filesystem::file_size(directory / "precious"), 8U);
 }
 
 TEST_F(HeldFileTest, AFileThatCannotBeReadIsAnError) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <compare>
 #include <vector>
 
 namespace {
@@ -24,6 +25,23 @@ class PacketCounter : public testing::Test {
   const IntfId eth2 = IntfId::fromName("eth2");
   const VlanIdOrNone vlan10{10};
 };
+
+// The bytes of a table may come from another program.
+TEST(CounterVlan, ComparesKeyTxRxRxOtherAndNothingElse) {
+  const std::vector<CounterVlan> ascending{{VlanIdOrNone(1), 9, 9, 9},
+                                           {VlanIdOrNone(2), 0, 9, 9},
+                                           {VlanIdOrNone(2), 1, 0, 9},
+                                           {VlanIdOrNone(2), 1, 1, 0},
+                                           {VlanIdOrNone(2), 1, 1, 1}};
+  for (std::size_t i = 0; i + 1 < ascending.size(); ++i) {
+    CounterVlan less = ascending[i];
+    less.padding = 1;
+    EXPECT_LT(less, ascending[i + 1]);
+    EXPECT_NE(less, ascending[i + 1]);
+    EXPECT_EQ(less, ascending[i]);
+    EXPECT_EQ(less <=> ascending[i], std::strong_ordering::equal);
+  }
+}
 
 TEST_F(PacketCounter, StartsEmpty) {
   EXPECT_EQ(sut->name(), Vex::Name("packetCounter"));

@@ -196,6 +196,29 @@ TEST_F(PacketTotalsTest, WritesWhatIsLeftWhenItEnds) {
   EXPECT_EQ(dir_->intfTotals(eth1).probesSent, 1U);
 }
 
+TEST_F(PacketTotalsTest, WhatTheSocketHasCountedSinceTheLastProbeIsWrittenWhenItEnds) {
+  auto sut = newTotals();
+  socket_.foreign = 7;
+  sut->sent(sut->countsIs(eth1));
+  loop_.runFor(1.0);
+  socket_.foreign = 8;
+  loop_.runFor(100.0);
+  EXPECT_EQ(dir_->intfTotals(IntfId()).foreignProbes, 7U) << "nobody is woken for it";
+  sut.reset();
+  EXPECT_EQ(dir_->intfTotals(IntfId()).foreignProbes, 8U);
+}
+
+TEST_F(PacketTotalsTest, WithNothingNewItsEndWritesNothing) {
+  auto sut = newTotals();
+  socket_.foreign = 7;
+  sut->write();
+  dir_->intfTotalsDel(IntfId());
+  sut.reset();
+  EXPECT_EQ(dir_->intfTotalsMap().members(), 0U);
+  newTotals().reset();  // 7 again, which this one has not written
+  EXPECT_EQ(dir_->intfTotals(IntfId()).foreignProbes, 7U);
+}
+
 TEST(IntfTotalsRecord, PrintsEveryCountByName) {
   std::ostringstream text;
   text << IntfTotals{IntfId::fromName("eth1"), 1, 2, 3, 4, 5, 6};

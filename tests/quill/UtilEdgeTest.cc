@@ -148,6 +148,21 @@ TEST_F(UtilEdge, WithoutADescriptorNoOwnerIsWritten) {
   EXPECT_EQ(Util::writeOwner(path_.rootPath()), EMFILE);
 }
 
+TEST_F(UtilEdge, AnIdThatCannotBeReadIsNoOtherId) {
+  FenixFile::write(handler_, path_.rootPath(), 7);
+  {
+    const Limit none(RLIMIT_NOFILE, 0);
+    EXPECT_EQ(textOfRaised<Sable::InvalidInitializeException>(
+                  [&] { FenixFile::validate(handler_, path_.rootPath(), 7); }),
+              "FenixFile::read() cannot read " + path_.rootPath() + "/fenix: Too many open files");
+  }
+  FenixFile::validate(handler_, path_.rootPath(), 7);
+  std::filesystem::remove(path_.filePath("fenix"));
+  EXPECT_EQ(textOfRaised<Quill::CorruptionDetectedException>(
+                [&] { FenixFile::validate(handler_, path_.rootPath(), 7); }),
+            "FenixFile::validate() " + path_.rootPath() + "/fenix holds 0 wanted:7");
+}
+
 TEST_F(UtilEdge, ALockThatCannotBeIsAnErrorWithItsReason) {
   std::filesystem::create_directory(path_.filePath("lock"));
   EXPECT_EQ(textOfRaised<Sable::InvalidInitializeException>(

@@ -39,7 +39,7 @@ class ControlClient final : private Vex::ReadableHandler {
   ~ControlClient();
 
   // Connects and sends the hello. The error is the system's: ENOENT and ECONNREFUSED say that no
-  // agent listens there.
+  // agent listens there, EAGAIN that too many wait to be taken and another try may succeed.
   std::error_code open(const std::string& path);
   bool connected() const noexcept { return connection_ != nullptr; }
   void close() noexcept;

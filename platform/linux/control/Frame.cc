@@ -30,10 +30,20 @@ void FrameReader::take(Bytes bytes) {
   bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
 }
 
-std::size_t FrameReader::length() const noexcept {
+std::size_t FrameReader::lengthAt(std::size_t at) const noexcept {
   std::size_t length = 0;
-  for (std::size_t i = 0; i < kLengthSize; ++i) length = length << 8 | bytes_[begin_ + i];
+  for (std::size_t i = 0; i < kLengthSize; ++i) length = length << 8 | bytes_[at + i];
   return length;
+}
+
+bool FrameReader::endsInside() const noexcept {
+  std::size_t left = waiting();
+  while (left >= kLengthSize) {
+    const std::size_t size = kLengthSize + lengthAt(bytes_.size() - left);
+    if (left < size) return true;
+    left -= size;
+  }
+  return left != 0;
 }
 
 bool FrameReader::ready() const noexcept {

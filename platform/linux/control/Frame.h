@@ -50,12 +50,15 @@ class FrameReader {
   std::optional<Frame> next();
   // Whether next() would answer something else than nothing.
   bool ready() const noexcept;
+  // Whether the bytes end inside of a frame, behind whatever whole ones. Looks at all of these.
+  bool endsInside() const noexcept;
   // What next() would answer, which stays the next one. Nothing also for a length that cannot be.
   std::optional<Frame> peek() const noexcept;
 
  private:
-  // REQUIRES: four bytes are there.
-  std::size_t length() const noexcept;
+  // REQUIRES: four bytes are there from `at` on.
+  std::size_t lengthAt(std::size_t at) const noexcept;
+  std::size_t length() const noexcept { return lengthAt(begin_); }
 
   Buffer bytes_;
   std::size_t begin_ = 0;

@@ -12,6 +12,15 @@ std::string textOf(const EntityId& id) {
          std::to_string(id.low);
 }
 
+[[noreturn]] void throwForeignId(const EntityId& id) {
+  throwRangeException(textOf(id) + " belongs to another entity");
+}
+
+[[noreturn]] void throwTooMany() {
+  throwRangeException("more than " + std::to_string(Demuxer::kMaxEntities) +
+                      " entities of one connection not allowed");
+}
+
 // Puts a flag up for the length of a block.
 class Raised {
  public:
@@ -40,10 +49,7 @@ StreamAdapter* Demuxer::adapter(const EntityId& id) const noexcept {
 }
 
 void Demuxer::adapterIs(Ptr<NotifieeConst> owned, StreamAdapter& adapter) {
-  if (adapters_.size() >= kMaxEntities && reading_) {
-    throwRangeException("more than " + std::to_string(kMaxEntities) +
-                        " entities of one connection not allowed");
-  }
+  if (adapters_.size() >= kMaxEntities && reading_) throwTooMany();
   adapters_.emplace(&adapter.entity(), Held{std::move(owned), &adapter});
   adapter.notifiee().isRegisteredNotifieeIs(true);
 }
@@ -83,15 +89,25 @@ bool Demuxer::announcedIs(const EntityId& id) {
   return true;
 }
 
+bool Demuxer::isOutdated(const EntityId& id, const StreamAdapter& adapter) noexcept {
+  return !id.isReceivers() && id.number() < adapter.ownId_.number();
+}
+
+void Demuxer::requireRoomFor(const EntityId& id, const Entity* present,
+                             const Entity* leaving) const {
+  const StreamAdapter* const own = present != nullptr ? adapter(*present) : nullptr;
+  if (own != nullptr && isOutdated(id, *own)) return;
+  const StreamAdapter* const of = adapter(id);
+  if (of != nullptr && of != own) throwForeignId(id);
+  const bool frees = leaving != nullptr && adapter(*leaving) != nullptr;
+  if (own == nullptr && !frees && adapters_.size() >= kMaxEntities) throwTooMany();
+}
+
 void Demuxer::idIs(StreamAdapter& adapter, const EntityId& id) {
   announcedIs(id);
-  // Said before the peer heard of the newer id, which is on its way and takes the place of this
-  // one.
-  if (!id.isReceivers() && id.number() < adapter.ownId_.number()) return;
+  if (isOutdated(id, adapter)) return;
   const auto [place, isNew] = byId_.try_emplace(id.bits(), &adapter);
-  if (!isNew && place->second != &adapter) {
-    throwRangeException(textOf(id) + " belongs to another entity");
-  }
+  if (!isNew && place->second != &adapter) throwForeignId(id);
   adapter.latestId_ = id;
   if (!isNew) return;
   EntityId& held = id.isReceivers() ? adapter.peerId_ : adapter.ownId_;

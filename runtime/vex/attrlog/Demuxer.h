@@ -78,6 +78,10 @@ class Demuxer {
   // The peer refers to an entity by this id (seen from here) for the first time or again. Raises
   // RangeException for an id that cannot be.
   void idIs(StreamAdapter& adapter, const EntityId& id);
+  // Asked before an entity is made or replaced for an id that has come in: raises the
+  // RangeException that idIs(), or adapterIs(), would raise afterwards. `present` is the entity
+  // that has the place and stays, `leaving` the one that goes for it; null for none.
+  void requireRoomFor(const EntityId& id, const Entity* present, const Entity* leaving) const;
   // True if no message has carried this id before.
   bool announcedIs(const EntityId& id);
 
@@ -107,6 +111,8 @@ class Demuxer {
   std::uint64_t peerReceived() const noexcept { return peerReceived_; }
 
  private:
+  // Said before the peer heard of a newer id of this end, which is on its way and takes its place.
+  static bool isOutdated(const EntityId& id, const StreamAdapter& adapter) noexcept;
   void read(std::span<const std::uint8_t> body);
   void dispatch(const MsgHeader& header, ByteConnection::In& payload);
   void readOrphan(const MsgHeader& header, ByteConnection::In& payload);

@@ -50,6 +50,22 @@ class FlowOut {
   virtual ~FlowOut() = default;
   bool hasDirtyAttributes() const noexcept { return dirty_.any(); }
   VexDirtyBitSet0& dirtyBits() noexcept { return dirty_; }
+  // Of those, what the peer is waiting for: it was told of a new id, behind which all of the entity
+  // follows, or has asked, or wrote what does not stand. The others are changes of this end.
+  bool isOwed(std::size_t position) const noexcept { return owed_.has(position); }
+  void owedIs(std::size_t position) noexcept {
+    dirty_.bitIs(position, true);
+    owed_.bitIs(position, true);
+  }
+  // The attribute has been sent, or needs to be no more.
+  void doneIs(std::size_t position) noexcept {
+    dirty_.bitIs(position, false);
+    owed_.bitIs(position, false);
+  }
+  void allDone() noexcept {
+    dirty_.clear();
+    owed_.clear();
+  }
   // Transfers that were begun and will not be ended; the peer is told before anything else.
   VexDirtyBitSet0& pendingAborts() noexcept { return aborts_; }
   // The position of the attribute that went last: the others have their turn before it goes again.
@@ -61,6 +77,7 @@ class FlowOut {
 
  private:
   VexDirtyBitSet0 dirty_;
+  VexDirtyBitSet0 owed_;
   VexDirtyBitSet0 aborts_;
   std::size_t latest_ = SIZE_MAX;  // so that the first is the first
   bool yields_ = false;

@@ -246,9 +246,13 @@ class AgentProcess final : public Process {
     State state;
     state.atRest = rests() ? 1 : 0;
     state.connected = static_cast<std::uint32_t>(server_.clients());
-    state.trouble = static_cast<std::uint32_t>(sink.texts().size());
     std::string words;
-    for (const std::string& line : sink.texts()) words += line + '\n';
+    for (const std::string& line : sink.texts()) {
+      // Connections are cut behind any byte.
+      if (line.ends_with(" was dropped: it went in the middle of a message")) continue;
+      ++state.trouble;
+      words += line + '\n';
+    }
     return std::string(reinterpret_cast<const char*>(&state), sizeof state) + words;
   }
   std::string text() override { return textOf(trees, options_.configOnly); }

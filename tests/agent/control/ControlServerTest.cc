@@ -157,12 +157,96 @@ TEST_F(ControlWorld, HalfAMessageHoldsNobodyUpAndEndsWithItsConnection) {
     good->request(1, Operation::get, {"p"});
     settle();
     EXPECT_EQ(good->answer().texts, Texts{"p"}) << size;
-    client = newClient();  // the one before has gone, in the middle of a frame
+    client = newClient();  // the one before goes, in the middle of a frame
+    settle();
+    EXPECT_EQ(lines(), size == 0 ? Texts() : dropped("it went in the middle of a message")) << size;
+    loop.runFor(1.5);  // of such lines there are not many in a second
   }
   settle();
   EXPECT_EQ(service.requests.size(), bytes.size()) << "none of the halves was carried out";
   EXPECT_EQ(server->clients(), 2u);
-  EXPECT_TRUE(lines().empty()) << "a connection that ends is no fault";
+}
+
+TEST_F(ControlWorld, HalfAHelloEndsWithALineToo) {
+  auto client = std::make_unique<RawClient>(path);
+  client->say(PC::Buffer{0, 0, 0});
+  settle();
+  client.reset();
+  settle();
+  EXPECT_EQ(lines(), dropped("it went in the middle of a message"));
+}
+
+TEST_F(ControlWorld, WhoeverFallsSilentInAMessageIsDroppedAfterThirtySeconds) {
+  const auto silent = newClient();
+  const auto client = newClient();
+  PC::Buffer bytes;
+  PC::frameTo(bytes, 17, PC::requestBody({1, Operation::get, {"path"}}));
+  for (const std::size_t at : {0U, 1U, 2U, 3U, 4U, 5U}) {
+    client->say(PC::Bytes(bytes).subspan(at, 1));
+    loop.runFor(29.0);
+    EXPECT_FALSE(client->closed()) << at;
+  }
+  loop.runFor(0.9);
+  EXPECT_FALSE(client->closed());
+  loop.runFor(0.2);
+  const std::string reason =
+      "it has said nothing for 30 seconds in the middle of a message; 6 bytes of it have come";
+  EXPECT_EQ(client->farewell(), reason);
+  EXPECT_TRUE(client->closed());
+  EXPECT_EQ(lines(), dropped(reason));
+  EXPECT_FALSE(silent->closed());
+}
+
+TEST_F(ControlWorld, AMessageThatIsSentToItsEndLeavesNoTimer) {
+  const auto client = newClient();
+  PC::Buffer bytes;
+  PC::frameTo(bytes, 17, PC::requestBody({1, Operation::get, {"path"}}));
+  client->say(PC::Bytes(bytes).first(7));
+  loop.runFor(20.0);
+  client->say(PC::Bytes(bytes).subspan(7));
+  settle();
+  EXPECT_EQ(client->answer().texts, Texts{"path"});
+  const auto before = loop.wakeUps();
+  loop.runFor(1e6);
+  EXPECT_EQ(loop.wakeUps(), before);
+  EXPECT_FALSE(client->closed());
+}
+
+TEST_F(ControlWorld, WholeMessagesThatNobodyHasReadAreNoHalfOnes) {
+  PC::Buffer bytes;
+  PC::frameTo(bytes, 17, PC::requestBody({1, Operation::get, {"path"}}));
+  for (const std::size_t more : {0U, 3U}) {
+    auto client = newClient();
+    for (int i = 0; i < 100; ++i) client->say(bytes);  // more than a turn's share
+    client->say(PC::Bytes(bytes).first(more));
+    client.reset();
+    settle();
+    EXPECT_EQ(lines(), more == 0 ? Texts() : dropped("it went in the middle of a message"));
+  }
+  EXPECT_EQ(server->clients(), 0u);
+}
+
+// It is not read while it does not take: nobody can say of its message that it does not go on.
+TEST_F(ControlWorld, HalfAMessageOfAClientThatDoesNotReadIsItsSecondFault) {
+  const auto client = newClient();
+  service.bulk = 60'000;
+  PC::Buffer request;
+  PC::frameTo(request, 17, PC::requestBody({1, Operation::get, {"path"}}));
+  for (int i = 0; i < 20; ++i) client->say(request);
+  client->say(PC::Bytes(request).first(5));
+  settle();
+  loop.runFor(29.0);
+  EXPECT_EQ(server->clients(), 1u);
+  for (int i = 0; i < 20; ++i) {
+    while (client->next()) {
+    }
+    settle();
+  }
+  loop.runFor(29.0);
+  EXPECT_EQ(server->clients(), 1u) << "it has read since, and may go on with its message";
+  loop.runFor(2.0);
+  EXPECT_EQ(lines(), dropped("it has said nothing for 30 seconds in the middle of a message; "
+                             "5 bytes of it have come"));
 }
 
 TEST_F(ControlWorld, ARequestThatComesByteByByteIsCarriedOutOnce) {

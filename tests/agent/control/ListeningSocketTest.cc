@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 
 #include "tests/agent/control/ControlWorld.h"
@@ -92,6 +94,23 @@ TEST(ListeningSocketTest, TheFileGoesWithTheSocketUnlessItIsAnothersByThen) {
     std::ofstream(path) << "of another";
   }
   EXPECT_TRUE(std::filesystem::exists(path));
+}
+
+TEST(ListeningSocketTest, ACrowdThatComesAtOnceWaits) {
+  const Directory directory;
+  const std::string path = directory / "s";
+  ListeningSocket sut;
+  ASSERT_EQ(sut.open(path), "");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  std::vector<Platform::Linux::Fd> crowd;
+  for (int i = 0; i < 128; ++i) {
+    crowd.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(
+        connect(crowd.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
+        << i << ": " << std::strerror(errno);
+  }
 }
 
 TEST(ListeningSocketTest, APathThatIsTooLongIsAnError) {

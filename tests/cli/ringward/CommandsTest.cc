@@ -3,6 +3,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "cli/ringward/AgentLink.h"
+#include "cli/ringward/Failure.h"
 #include "cli/ringward/Followers.h"
 #include "tests/cli/ringward/World.h"
 
@@ -18,6 +20,25 @@ TEST_F(World, GetPrintsTheTextOfAValue) {
   EXPECT_EQ(done({"get", "/config/transmitConfig/rateLimit"}), "1000\n");
   EXPECT_EQ(done({"-j", "get", "config/globalIntfConfig/disabledTime"}),
             "{\"path\":\"config/globalIntfConfig/disabledTime\",\"value\":\"604800\"}\n");
+}
+
+TEST_F(World, ACommandWaitsForAPlaceWhereTooManyWait) {
+  startDeafAgent();
+  FullQueue queue(loop, socket);
+  queue.openTo(*server);
+  EXPECT_EQ(done({"get", "config/globalEnabled"}), "false\n");
+}
+
+TEST(Unreachable, AQueueThatStaysFullIsSaidInWords) {
+  try {
+    RingwardCli::throwUnreachable("/s",
+                                  std::make_error_code(std::errc::resource_unavailable_try_again));
+    ADD_FAILURE() << "nothing raised";
+  } catch (const RingwardCli::Failure& failure) {
+    EXPECT_EQ(failure.status(), RingwardCli::ExitStatus::failed);
+    EXPECT_STREQ(failure.what(),
+                 "too many wait for the agent on \"/s\"; it may be stopped, see its log");
+  }
 }
 
 TEST_F(World, SetChangesTheEntityAtOnce) {

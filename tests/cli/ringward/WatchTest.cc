@@ -221,6 +221,25 @@ TEST_F(WatchWorld, AnAgentThatSaysNothingIsToldOfOnce) {
             "ringward: the agent does not answer; it may be stopped, see its log\n");
 }
 
+TEST_F(WatchWorld, WaitsForAPlaceWhereTooManyWait) {
+  startDeafAgent();
+  FullQueue queue(loop, socket);
+  queue.openTo(*server);
+  EXPECT_EQ(watch({"--reconnect", "config"}, {[&] { config->globalEnabledIs(true); }}),
+            (Texts{"# following", "config/globalEnabled = true"}));
+  EXPECT_EQ(err_, "");
+}
+
+TEST_F(WatchWorld, ASignalEndsTheWaitForAPlace) {
+  startDeafAgent();
+  const FullQueue queue(loop, socket);
+  const Interrupt interrupt(loop, interrupted_);
+  EXPECT_EQ(watch({"--reconnect", "config"}, {}), Texts());
+  EXPECT_TRUE(interrupted_);
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(err_, "");
+}
+
 TEST_F(WatchWorld, WhatCannotBeFollowedIsSaid) {
   EXPECT_EQ(failed(2, {"watch", "packetCounter"}).substr(0, 42),
             "ringward: cannot follow \"packetCounter\"; t");

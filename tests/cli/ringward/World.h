@@ -6,11 +6,15 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/control/ControlServer.h"
@@ -38,6 +42,57 @@ class FakeRights final : public Agent::Rights {
   bool write = true;
 };
 
+// A socket at which too many wait already. Once opened, in a turn of the loop, it lets them all go
+// and hands on to a server whoever comes then.
+class FullQueue final : private Vex::DeferredTask, private Vex::ReadableHandler {
+ public:
+  FullQueue(Vex::ActivityManager& manager, const std::string& path)
+      : DeferredTask(manager), manager_(manager), listener_(newSocket()) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, sizeof address), 0);
+    EXPECT_EQ(listen(listener_.get(), 0), 0);
+    int result = 0;
+    for (int i = 0; i < 8 && result == 0; ++i) {
+      crowd_.push_back(newSocket());
+      result = connect(crowd_.back().get(), generic, sizeof address);
+    }
+    EXPECT_TRUE(result != 0 && errno == EAGAIN);
+  }
+  ~FullQueue() override {
+    if (server_ != nullptr) manager_.readableDel(listener_.get());
+  }
+  // In the next turn.
+  void openTo(Agent::ControlServer& server) {
+    next_ = &server;
+    schedule();
+  }
+
+ private:
+  using Fd = Platform::Linux::Fd;
+  static Fd newSocket() {
+    return Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  }
+  void run() override {
+    onReadable();
+    server_ = next_;
+    manager_.readableIs(listener_.get(), *this);
+  }
+  void onReadable() override {
+    while (Fd taken{accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)}) {
+      if (server_ != nullptr) server_->admitted(std::move(taken));
+    }
+  }
+
+  Vex::ActivityManager& manager_;
+  const Fd listener_;
+  std::vector<Fd> crowd_;
+  Agent::ControlServer* next_ = nullptr;
+  Agent::ControlServer* server_ = nullptr;
+};
+
 class World : public testing::Test {
  protected:
   World() {
@@ -54,6 +109,12 @@ class World : public testing::Test {
     std::filesystem::remove_all(directory);
   }
 
+  // An agent that does not listen by itself; FullQueue does, at `socket`.
+  void startDeafAgent() {
+    server.reset();
+    server = std::make_unique<Agent::ControlServer>(
+        loop, service, rights, Agent::ControlServer::Options{socket, 8, "ringwardd test"});
+  }
   void startAgent() {
     server = std::make_unique<Agent::ControlServer>(
         loop, service, rights, Agent::ControlServer::Options{socket, 8, "ringwardd test"});

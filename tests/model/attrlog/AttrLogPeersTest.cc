@@ -199,4 +199,28 @@ TEST(AttrLogPeers, ACollectionThatNeverComesToRestHoldsUpNoOtherEntity) {
   EXPECT_EQ(link.mirror.config->clearCounters(), 9U);
 }
 
+TEST(AttrLogPeers, AQueueThatIsServedAllTheTimeHoldsUpNoOtherEntity) {
+  Link link(Session::Access::readOnly, 400);
+  for (std::uint32_t i = 1; i <= 50; ++i) {
+    link.original.transmit->regularPriorityEnq({intf(1), Bridging::VlanId(i)});
+  }
+  link.up();
+  for (std::uint32_t i = 1; i <= 50; ++i) {  // fills the buffer, so that a transfer begins
+    link.original.transmit->regularPriorityIs(i, {intf(2), Bridging::VlanId(i)});
+  }
+  link.original.config->clearCountersIs(9);
+  for (std::uint32_t step = 0; step < 3000 && link.mirror.config->clearCounters() != 9; ++step) {
+    // Always behind the place reached, and more deletions than fit.
+    for (std::uint32_t i = 1; i <= 6; ++i) {
+      link.original.transmit->regularPriorityEnq({intf(step % 7), Bridging::VlanId(i)});
+      link.original.transmit->regularPriorityDeq();
+    }
+    move(link.server, link.client, 60);
+    move(link.client, link.server);
+  }
+  EXPECT_EQ(link.mirror.config->clearCounters(), 9U);
+  ASSERT_TRUE(link.settle());
+  EXPECT_TRUE(link.isEqual());
+}
+
 }  // namespace

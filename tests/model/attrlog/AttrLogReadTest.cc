@@ -190,12 +190,7 @@ TEST(AttrLogRead, AChangeOfAReadOnlyMirrorRaisesInItsAdapterAndIsPutBack) {
 
 TEST(AttrLogRead, ANestedRunIsRefused) {
   Trees trees;
-  struct Owner final : Vex::NboAttrLog::Demuxer::Owner {
-    void handleOrphan(std::string_view, std::string_view, Vex::EntityId) override {}
-    void handleRefused(const Vex::StreamAdapter&, Vex::AttributeId) override {}
-    void handleNotificationException(const Vex::StreamAdapter&, Vex::AttributeId) override {}
-    void handleOutput() override {}
-  } owner;
+  Silent owner;
   Vex::NboAttrLog::Demuxer demuxer(owner, Vex::makePtr<Vex::NboAttrLog::Out>(std::size_t{4096}));
   Vex::StreamAdapter& sut = Ringward::AttrLog::entityTypeOf<Ringward::Config::Config>.newAdapter(
       demuxer, *trees.config, 0);

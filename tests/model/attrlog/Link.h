@@ -87,6 +87,14 @@ inline std::vector<std::uint8_t> frameOf(const Vex::NboAttrLog::MsgHeader& heade
   return {bytes.begin(), bytes.end()};
 }
 
+// An owner for a demuxer without a session: takes everything and does nothing.
+struct Silent final : Vex::NboAttrLog::Demuxer::Owner {
+  void handleOrphan(std::string_view, std::string_view, Vex::EntityId) override {}
+  void handleRefused(const Vex::StreamAdapter&, Vex::AttributeId) override {}
+  void handleNotificationException(const Vex::StreamAdapter&, Vex::AttributeId) override {}
+  void handleOutput() override {}
+};
+
 struct Link {
   Trees original;
   Trees mirror;

@@ -2,9 +2,11 @@
 //
 // A hosted table that fails, and what its guardian can do about it.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -79,6 +81,20 @@ TEST_F(RemountTest, WithoutAGuardianDamageIsRaisedByEveryOperation) {
   EXPECT_THROW(sut_.firstKey(), Damage);
   EXPECT_THROW(sut_.recordDelAll(), Damage);
   EXPECT_THROW(sut_.keyAfter(Portus::IntfId()), Damage);
+}
+
+// The slot's place in the queue, which nothing looks at before the record is changed.
+TEST_F(RemountTest, DamageThatOnlyARemovalMeetsIsToldOnce) {
+  sut_.recordIs(intfRecord("eth1", 1));
+  sut_.recordIs(intfRecord("eth2", 2));
+  bool found = false;
+  const auto* const stored = reinterpret_cast<const char*>(&sut_.lookup(eth1, found));
+  ASSERT_TRUE(found);
+  const std::uint32_t placeOfEth2 = 1;
+  std::memcpy(const_cast<char*>(stored) - 2 * sizeof placeOfEth2, &placeOfEth2, sizeof placeOfEth2);
+  EXPECT_EQ(textOfRaised<Quill::CorruptionDetectedException>([&] { sut_.recordDelAll(); }),
+            "QuillMap::corruptionDetected() tree/counters/stock ConquerWriter::notify() conquer "
+            "slot mismatch, slot:1 index:0");
 }
 
 TEST_F(RemountTest, AHandleThatIsNoWriterReadsAsEmptyAfterDamageAndItsChangesEndInNoMansLand) {
@@ -167,6 +183,27 @@ TEST_F(RemountTest, AFileThatHasGoneReachesTheGuardian) {
   sut_.remount(false, 10, Contents::dropped);
   std::filesystem::remove(sut_.rootPath() + "/slots");
   loop_.runFor(0.0);
+  EXPECT_FALSE(guardian_.invalid.empty());
+}
+
+TEST_F(RemountTest, AFileThatCannotBeReadForWantOfADescriptorIsNotHeldAgainstTheTable) {
+  sut_.guardianIs(&guardian_);
+  sut_.remount(false, 10, Contents::dropped);
+  sut_.recordIs(intfRecord("eth1", 1));
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const std::string text =
+      textOfRaised<Sable::InvalidInitializeException>([&] { sut_.validateFiles(); });
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(text,
+            "FenixFile::read() cannot read " + sut_.rootPath() + "/fenix: Too many open files");
+  EXPECT_TRUE(guardian_.invalid.empty());
+  EXPECT_TRUE(sut_.validateFiles());
+  std::filesystem::remove(sut_.rootPath() + "/fenix");
+  EXPECT_THROW(sut_.validateFiles(), Quill::CorruptionDetectedException);
   EXPECT_FALSE(guardian_.invalid.empty());
 }
 
