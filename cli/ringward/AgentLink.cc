@@ -64,8 +64,9 @@ std::error_code openPatiently(Vex::EpollActivityManager& loop, Control::ControlC
   }
 }
 
-AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path)
+AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path, double patience)
     : loop_(loop),
+      patience_(patience),
       client_(loop, kName,
               {.greeted =
                    [this](const Control::Hello& hello) {
@@ -87,7 +88,7 @@ AgentLink::AgentLink(Vex::EpollActivityManager& loop, const std::string& path)
 
 template <class Done>
 void AgentLink::await(const Done& done) {
-  double limit = loop_.clock()->now() + kPatience;
+  double limit = loop_.clock()->now() + patience_;
   std::size_t heard = answers_.size();
   while (!done()) {
     if (gone_) throw Failure(ExitStatus::failed, printable(reason_));
@@ -97,16 +98,22 @@ void AgentLink::await(const Done& done) {
                     "the agent does not answer; it may be stopped, see its log");
     }
     loop_.runTurn(left);
-    if (answers_.size() != heard) limit = loop_.clock()->now() + kPatience;
+    if (answers_.size() != heard) limit = loop_.clock()->now() + patience_;
     heard = answers_.size();
   }
 }
 
 std::vector<Answer> AgentLink::askAll(const std::vector<Request>& requests) {
-  std::vector<Answer> result;
+  std::vector<Answer> answers;
+  askAll(requests, answers);
+  return answers;
+}
+
+void AgentLink::askAll(const std::vector<Request>& requests, std::vector<Answer>& answers) {
+  answers.clear();
   std::size_t sent = 0;
-  while (result.size() < requests.size()) {
-    while (sent < requests.size() && sent < result.size() + kAtOnce) {
+  while (answers.size() < requests.size()) {
+    while (sent < requests.size() && sent < answers.size() + kAtOnce) {
       if (gone_) throw Failure(ExitStatus::failed, printable(reason_));
       const Request& request = requests[sent++];
       if (!Control::fits({0, request.operation, request.texts})) {
@@ -116,11 +123,10 @@ std::vector<Answer> AgentLink::askAll(const std::vector<Request>& requests) {
     }
     await([this] { return !answers_.empty(); });
     while (!answers_.empty()) {
-      result.push_back(std::move(answers_.front()));
+      answers.push_back(std::move(answers_.front()));
       answers_.pop_front();
     }
   }
-  return result;
 }
 
 Answer AgentLink::ask(Operation operation, std::vector<std::string> texts) {

@@ -31,14 +31,15 @@ struct Node {
 
 class AgentLink {
  public:
-  // Seconds without a word from the agent, and for a place among those who wait to be taken.
+  // Seconds without a word from the agent, for whoever names no others, and for a place among those
+  // who wait to be taken.
   static constexpr double kPatience = 10.0;
   // Seconds from one try to get such a place to the next.
   static constexpr double kConnectPause = 0.05;
   static constexpr const char* kName = "ringward";
 
   // Connects. Raises Failure: noAgent if nobody listens at `path`, failed for everything else.
-  AgentLink(Vex::EpollActivityManager& loop, const std::string& path);
+  AgentLink(Vex::EpollActivityManager& loop, const std::string& path, double patience = kPatience);
 
   // What the agent says of itself.
   const std::string& agent() const noexcept { return hello_.text; }
@@ -58,6 +59,8 @@ class AgentLink {
   // Sends all of them at once, and answers in their order. A refusal or a failure is an answer
   // here.
   std::vector<Control::Answer> askAll(const std::vector<Request>& requests);
+  // The same into `answers`, which keeps what has come when this raises Failure.
+  void askAll(const std::vector<Request>& requests, std::vector<Control::Answer>& answers);
 
  private:
   Control::Answer ask(Control::Operation operation, std::vector<std::string> texts);
@@ -66,6 +69,7 @@ class AgentLink {
   void await(const Done& done);
 
   Vex::EpollActivityManager& loop_;
+  const double patience_;
   Control::Hello hello_;
   bool greeted_ = false;
   bool gone_ = false;

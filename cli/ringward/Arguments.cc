@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "cli/quillctl/Texts.h"
 #include "cli/ringward/Failure.h"
@@ -76,6 +77,13 @@ class Parser {
         return wrong("no command " + inQuotes(left.front()) + "; the nearest is " +
                      inQuotes(nearest(left.front(), names_)));
       }
+      if (const auto word = unknownSecondWord(left)) {
+        const std::string first = deepest().get_name() + ' ';
+        const std::vector<std::string> known = namesIn(deepest());
+        return wrong("no command " + inQuotes(first + *word) + "; the nearest is " +
+                     inQuotes(first + nearest(*word, known)) +
+                     (known.size() > 1 ? ", there are " + list(known) : ""));
+      }
       // The library repeats arguments as they are.
       return wrong(printable(error.what()));
     }
@@ -123,6 +131,18 @@ class Parser {
     return arguments_;
   }
 
+  static std::vector<std::string> namesIn(CLI::App& in) {
+    std::vector<std::string> names;
+    for (const CLI::App* const at : in.get_subcommands({})) names.push_back(at->get_name());
+    return names;
+  }
+  // What stands where a command of two words should have its second one.
+  std::optional<std::string> unknownSecondWord(const std::vector<std::string>& left) {
+    if (namesIn(deepest()).empty()) return std::nullopt;
+    const auto found = std::find_if(left.begin(), left.end(),
+                                    [](const auto& word) { return !word.starts_with('-'); });
+    return found != left.end() ? std::optional(*found) : std::nullopt;
+  }
   CLI::App& deepest() {
     CLI::App* at = &app_;
     while (!at->get_subcommands().empty()) at = at->get_subcommands().front();

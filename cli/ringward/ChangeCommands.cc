@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 #include "cli/quillctl/Texts.h"
 #include "cli/ringward/Failure.h"
@@ -56,7 +57,14 @@ void changeVlans(Context& context, bool add) {
       requests.push_back({Operation::del, {path}});
     }
   });
-  const auto answers = context.agent().askAll(requests);
+  AgentLink& agent = context.agent();
+  std::vector<Control::Answer> answers;
+  std::optional<Failure> interrupted;  // in the middle: what is done is told all the same
+  try {
+    agent.askAll(requests, answers);
+  } catch (const Failure& failure) {
+    interrupted = failure;
+  }
   Bridging::VlanBitmap done;
   std::string firstReason;
   for (std::size_t i = 0; i < answers.size(); ++i) {
@@ -72,11 +80,25 @@ void changeVlans(Context& context, bool add) {
   if (done) {
     report(context, "VLANs " + done.toText() + " " + what, {{what, done.toText()}});
   }
+  if (interrupted) {
+    throw Failure(interrupted->status(),
+                  std::to_string(done.count()) + " of " + std::to_string(vlans.count()) +
+                      " VLANs are " + what + ", the others may be: see `ringward show vlans`; " +
+                      (firstReason.empty() ? "" : firstReason + "; ") + interrupted->what());
+  }
   if (!firstReason.empty()) {
     throw Failure(ExitStatus::failed, std::to_string(vlans.count() - done.count()) + " of " +
                                           std::to_string(vlans.count()) + " VLANs are as before; " +
                                           firstReason);
   }
+}
+
+// The empty name is that of no interface, and would be kept all the same.
+const std::string& intfName(const Context& context) {
+  if (context.word(0).empty()) {
+    throw Failure(ExitStatus::usage, "NAME \"\" names no interface; allowed: such as eth1");
+  }
+  return context.word(0);
 }
 
 }  // namespace
@@ -97,7 +119,7 @@ void addVlans(Context& context) { changeVlans(context, true); }
 void delVlans(Context& context) { changeVlans(context, false); }
 
 void addExclude(Context& context) {
-  const std::string& name = context.word(0);
+  const std::string& name = intfName(context);
   context.agent().set(elementPath(kExcludePath, name), "true");
   if (if_nametoindex(name.c_str()) == 0) {
     context.note("warning: there is no interface " + inQuotes(name) +
@@ -107,7 +129,7 @@ void addExclude(Context& context) {
 }
 
 void delExclude(Context& context) {
-  const std::string& name = context.word(0);
+  const std::string& name = intfName(context);
   std::vector<std::string> names;
   for (const Node& node : context.agent().ls(kExcludePath)) {
     names.push_back(Ringward::Generic::unquotedKey(node.name));

@@ -20,8 +20,8 @@ using Json = nlohmann::ordered_json;
 class Context {
  public:
   Context(Arguments arguments, std::ostream& out, std::ostream& err,
-          Vex::EpollActivityManager& loop)
-      : arguments_(std::move(arguments)), out_(out), err_(err), loop_(loop) {}
+          Vex::EpollActivityManager& loop, double patience)
+      : arguments_(std::move(arguments)), out_(out), err_(err), loop_(loop), patience_(patience) {}
 
   const Arguments& arguments() const noexcept { return arguments_; }
   // REQUIRES: the command line has it.
@@ -29,10 +29,12 @@ class Context {
   bool json() const noexcept { return arguments_.json; }
   std::ostream& out() noexcept { return out_; }
   Vex::EpollActivityManager& loop() noexcept { return loop_; }
+  // Seconds that the agent may be silent for.
+  double patience() const noexcept { return patience_; }
 
   // Connects at the first call. Raises Failure.
   AgentLink& agent() {
-    if (!agent_) agent_ = std::make_unique<AgentLink>(loop_, arguments_.socket);
+    if (!agent_) agent_ = std::make_unique<AgentLink>(loop_, arguments_.socket, patience_);
     return *agent_;
   }
   // Says something beside the output, on standard error.
@@ -47,6 +49,7 @@ class Context {
   std::ostream& out_;
   std::ostream& err_;
   Vex::EpollActivityManager& loop_;
+  const double patience_;
   std::unique_ptr<AgentLink> agent_;
 };
 

@@ -59,14 +59,14 @@ ExitStatus runCommand(Context& context) {
 }  // namespace
 
 int run(int argc, const char* const* argv, Vex::EpollActivityManager& loop, std::ostream& out,
-        std::ostream& err) {
+        std::ostream& err, double patience) {
   auto parsed = parseArguments(argc, argv);
   if (const auto* const early = std::get_if<EarlyExit>(&parsed)) {
     (early->status == 0 ? out : err) << early->text << std::flush;
     return early->status;
   }
   const Vex::CurrentActivityManager current(loop);
-  Context context(std::get<Arguments>(std::move(parsed)), out, err, loop);
+  Context context(std::get<Arguments>(std::move(parsed)), out, err, loop, patience);
   return static_cast<int>(runCommand(context));
 }
 

@@ -196,15 +196,15 @@ void showQueues(Context& context) {
   if (context.json()) context.line(json);
 }
 
-// What can be told of an agent that is not there.
-void showLastWritten(Context& context) {
+// What can be told without the agent; `why` there is none.
+void showLastWritten(Context& context, const char* why) {
   const CounterTables tables = readTables(context.arguments().root);
   if (context.json()) {
     Json json{{"agent", nullptr}, {"live", false}};
     tablesTo(json, tables);
     return context.line(json);
   }
-  context.out() << "agent not running; counters as last written\n";
+  context.out() << why << "; counters as last written\n";
   showTables(context, tables);
 }
 
@@ -226,7 +226,13 @@ void show(Context& context) {
   try {
     static_cast<void>(context.agent());
   } catch (const Failure& failure) {
-    if (failure.status() == ExitStatus::noAgent) showLastWritten(context);
+    // The tables need no agent. One that is there but stopped, full or out of reach leaves it open
+    // how everything else stands, so nothing is shown to whoever asks for that.
+    if (failure.status() == ExitStatus::noAgent) {
+      showLastWritten(context, "agent not running");
+    } else if (what.empty() || what == "counters") {
+      showLastWritten(context, "agent does not answer");
+    }
     throw;
   }
   found->second(context);

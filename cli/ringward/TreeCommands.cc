@@ -19,9 +19,15 @@ void getValue(Context& context) {
   context.out() << printable(text) << '\n';
 }
 
-void setValue(Context& context) { context.agent().set(context.word(0), context.word(1)); }
+void setValue(Context& context) {
+  context.agent().set(context.word(0), context.word(1));
+  if (context.json()) context.line({{"path", context.word(0)}, {"value", context.word(1)}});
+}
 
-void delElement(Context& context) { context.agent().del(context.word(0)); }
+void delElement(Context& context) {
+  context.agent().del(context.word(0));
+  if (context.json()) context.line({{"path", context.word(0)}, {"deleted", true}});
+}
 
 void listNodes(Context& context) {
   const std::string path = context.arguments().words.empty() ? "" : context.word(0);

@@ -31,7 +31,7 @@ constexpr double kReconnectPause = 1.0;
 // The tables of counters are not in the log: they are followed as tables.
 const std::vector<std::string> kRoots{"config", "status", "transmitStatus"};
 
-// "/config//x" as "config/x", so that it compares with what the followers tell.
+// Without the slashes at its ends, which name nothing.
 std::string plainPath(std::string_view path) {
   while (path.starts_with('/')) path.remove_prefix(1);
   while (path.ends_with('/')) path.remove_suffix(1);
@@ -65,21 +65,47 @@ class Following {
       : context_(context),
         paths_(paths),
         client_(context.loop(), AgentLink::kName,
-                {.greeted = [this](const Control::Hello&) { subscribe(); },
-                 .answered = [this](const Control::Answer& answer) { handleAnswer(answer); },
-                 .logged = [this](const Control::Frame& frame) { handleFrame(frame); },
+                {.greeted =
+                     [this](const Control::Hello&) {
+                       heardIs();
+                       subscribe();
+                     },
+                 .answered =
+                     [this](const Control::Answer& answer) {
+                       heardIs();
+                       handleAnswer(answer);
+                     },
+                 .logged =
+                     [this](const Control::Frame& frame) {
+                       heardIs();
+                       handleFrame(frame);
+                     },
                  .gone = [this](const std::string& reason) { gone_ = reason; },
                  .written = {}}) {}
 
   std::error_code open(const std::string& socket, const std::function<bool()>& givenUp) {
-    return openPatiently(context_.loop(), client_, socket, givenUp);
+    const std::error_code error = openPatiently(context_.loop(), client_, socket, givenUp);
+    heardIs();  // the wait for a place is not the agent's silence
+    return error;
+  }
+  // One turn of the loop. An agent that says nothing for too long is gone, as long as it has not
+  // told the present state: after that it has nothing to say while nothing changes.
+  void runTurn() {
+    if (synchronised()) return context_.loop().runTurn(Vex::kNever);
+    const double left = limit_ - context_.loop().clock()->now();
+    if (left > 0) return context_.loop().runTurn(left);
+    silent_ = true;
+    gone_ = "the agent does not answer; it may be stopped";
+    client_.close();
   }
   // Why it is over, empty while it is not; and whether the agent refused what was asked.
   const std::string& gone() const noexcept { return gone_; }
   bool refused() const noexcept { return refused_; }
+  bool silent() const noexcept { return silent_; }
   bool synchronised() const noexcept { return session_ && session_->isSynchronised(); }
 
  private:
+  void heardIs() { limit_ = context_.loop().clock()->now() + context_.patience(); }
   void subscribe() {
     std::set<std::string> roots;
     for (const std::string& path : paths_) roots.insert(path.substr(0, path.find_first_of("/[")));
@@ -126,8 +152,10 @@ class Following {
     context_.out() << std::flush;
   }
   void changed(const std::string& path, const std::optional<std::string>& text) {
-    const bool wanted = std::any_of(paths_.begin(), paths_.end(),
-                                    [&](const std::string& top) { return isBelow(path, top); });
+    // What happens to an object above a path happens to the path: it goes and comes with it.
+    const bool wanted = std::any_of(paths_.begin(), paths_.end(), [&](const std::string& top) {
+      return isBelow(path, top) || isBelow(top, path);
+    });
     if (!wanted) return;
     const std::string time = dateText(wallClock(), true);
     if (context_.json()) {
@@ -148,6 +176,8 @@ class Following {
   const std::vector<std::string>& paths_;
   std::string gone_;
   bool refused_ = false;
+  bool silent_ = false;
+  double limit_ = 0;  // the moment at which the agent has been silent for too long
   // The mirrors; those that nobody asked for stay empty.
   const Vex::Ptr<Ringward::Config::Config> config_ = Ringward::Config::configFactory("config");
   const Vex::Ptr<Ringward::Status::Status> status_ = Ringward::Status::statusFactory("status");
@@ -163,7 +193,10 @@ std::vector<std::string> checkedPaths(const std::vector<std::string>& given) {
   for (const std::string& path : given) {
     paths.push_back(plainPath(path));
     const std::string root = paths.back().substr(0, paths.back().find_first_of("/["));
-    if (std::find(kRoots.begin(), kRoots.end(), root) != kRoots.end()) continue;
+    if (std::find(kRoots.begin(), kRoots.end(), root) != kRoots.end()) {
+      paths.back() = followedPath(paths.back());
+      continue;
+    }
     const std::string counters =
         root == "packetCounter" ? "; counters are tables: see quillctl watch" : "";
     throw Failure(ExitStatus::usage, "cannot follow " + inQuotes(path) + "; the nearest root is " +
@@ -175,16 +208,18 @@ std::vector<std::string> checkedPaths(const std::vector<std::string>& given) {
 }  // namespace
 
 void watch(Context& context) {
+  // First: a key that is a number may be that of a name which is known then.
+  learnNames();
   const std::vector<std::string> paths = checkedPaths(context.arguments().words);
   const std::string& socket = context.arguments().socket;
   // Says at once, in its words, what is wrong with a path.
   if (!context.arguments().reconnect) {
-    AgentLink agent(context.loop(), socket);
+    AgentLink agent(context.loop(), socket, context.patience());
     for (const std::string& path : paths) static_cast<void>(agent.ls(path, 1));
   }
-  learnNames();
   Quillctl::StopSignals stop(context.loop());
   bool told = false;
+  bool silent = false;
   for (;;) {
     {
       Following following(context, paths);
@@ -192,17 +227,20 @@ void watch(Context& context) {
       if (stop.came() != 0) return;
       if (error && !context.arguments().reconnect) throwUnreachable(socket, error);
       while (!error && following.gone().empty()) {
-        context.loop().runTurn(Vex::kNever);
+        following.runTurn();
         // Nobody reads any more: run() says so.
         if (stop.came() != 0 || !context.out()) return;
       }
       const std::string reason = error ? error.message() : following.gone();
       if (!context.arguments().reconnect || following.refused()) {
-        throw Failure(following.refused() ? ExitStatus::failed : ExitStatus::noAgent,
-                      printable(reason));
+        const bool there = following.refused() || following.silent();
+        throw Failure(there ? ExitStatus::failed : ExitStatus::noAgent, printable(reason));
       }
-      if (!told || !error) context.note(printable(reason) + "; waiting for the agent");
+      // Each attempt that ends as the one before says nothing new.
+      const bool known = error ? told : silent && following.silent();
+      if (!known) context.note(printable(reason) + "; waiting for the agent");
       told = true;
+      silent = following.silent();
       // After a connection that was good the next one is tried at once.
       if (following.synchronised()) continue;
     }

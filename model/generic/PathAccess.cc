@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "model/generic/PathAccess.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "model/generic/NearestName.h"
@@ -13,7 +14,8 @@ using Kind = Vex::VexType::Kind;
 
 namespace {
 
-constexpr std::size_t kShown = 64;  // bytes of a name or key, in messages
+constexpr std::size_t kMostCompared = 1024;  // keys, for the nearest
+constexpr std::size_t kShown = 64;           // bytes of a name or key, in messages
 
 std::string shown(std::string_view text) {
   std::string result;
@@ -56,6 +58,58 @@ std::string signaturesOf(const Vex::VexType::Attribute& function) {
     text += ')';
   }
   return text;
+}
+
+// Raises PathError unless each argument is one of the function's and none is missing: by the
+// signature that takes as many, or else the one that comes nearest. So the message has the name
+// that was given; generic access, which comes after, knows only those it wants.
+void needArguments(std::string_view path, const Vex::VexType::Attribute& function,
+                   const std::vector<std::pair<std::string, std::string>>& given) {
+  if (function.signatures.empty()) return;
+  auto chosen = std::find_if(function.signatures.begin(), function.signatures.end(),
+                             [&](const auto& one) { return one.size() >= given.size(); });
+  if (chosen == function.signatures.end()) --chosen;
+  const std::string takes = "; it takes " + signaturesOf(function);
+  const std::string of = " of " + std::string(function.name());
+  const auto isGiven = [&](std::string_view name) {
+    return std::any_of(given.begin(), given.end(), [&](const auto& g) { return g.first == name; });
+  };
+  std::size_t unnamed = 0;
+  for (const auto& [name, text] : given) {
+    unnamed += name.empty() ? 1U : 0U;
+    NearestName nearest(name);
+    bool known = name.empty();
+    for (const auto& argument : *chosen) {
+      nearest.consider(argument.name);
+      known = known || argument.name == name;
+    }
+    if (known) continue;
+    const std::string suggestion = nearest.suggestion();
+    throw PathError(path, path.size(),
+                    "no argument " + shown(name) + of + (suggestion.empty() ? takes : suggestion));
+  }
+  if (given.size() > chosen->size()) {
+    throw PathError(
+        path, path.size(),
+        std::to_string(given.size()) + " arguments for " + std::string(function.name()) + takes);
+  }
+  for (const auto& argument : *chosen) {
+    if (isGiven(argument.name) || unnamed-- != 0) continue;
+    throw PathError(path, path.size(),
+                    "argument '" + std::string(argument.name) + "'" + of + " is missing" + takes);
+  }
+}
+
+// Another number in a key is another port or VLAN, not the same one misspelt.
+bool hasSameNumbers(std::string_view a, std::string_view b) {
+  const auto digits = [](std::string_view text) {
+    std::string found;
+    for (const char c : text) {
+      if (c >= '0' && c <= '9') found += c;
+    }
+    return found;
+  };
+  return digits(a) == digits(b);
 }
 
 void needText(std::string_view path, std::string_view text) {
@@ -191,8 +245,21 @@ Vex::Ptr<GenericIf> PathAccess::object(std::string_view path, const Target& targ
   }
   if (target.isFunction()) throw PathError(path, target.begin, target.place + " is a function");
   auto found = target.owner->attributeOp({target.id, GenericIf::kRead}, target.key);
-  if (!found) throw PathError(path, target.begin, target.place + " is not there");
+  if (!found) throwNotThere(path, target);
   return found;
+}
+
+void PathAccess::throwNotThere(std::string_view path, const Target& target) {
+  const std::string wanted = target.key ? quotedKey(target.key->keyText()) : std::string();
+  NearestName nearest(wanted);
+  if (target.key) {
+    auto at = target.owner->attributeIteratorConst(target.id);
+    for (std::size_t left = kMostCompared; left != 0 && at->nonNull(); --left, at->inc()) {
+      const std::string key = quotedKey(at->key()->keyText());
+      if (hasSameNumbers(key, wanted)) nearest.consider(key);
+    }
+  }
+  throw PathError(path, target.begin, target.place + " is not there" + nearest.suggestion());
 }
 
 std::string PathAccess::get(std::string_view path) const {
@@ -297,7 +364,7 @@ std::vector<PathAccess::Node> PathAccess::ls(std::string_view path, std::size_t 
   if (!at.isFunction()) {
     const auto below =
         at.isRoot() ? at.owner : at.owner->attributeOp({at.id, GenericIf::kRead}, at.key);
-    if (!below && at.key) throw PathError(path, at.begin, at.place + " is not there");
+    if (!below && at.key) throwNotThere(path, at);
     if (below && !below->fwkType()->attributes().empty()) {
       for (const auto& attribute : below->fwkType()->attributes()) {
         add(attribute.name(), [&] { return node(*below, attribute); });
@@ -333,6 +400,7 @@ std::string PathAccess::call(std::string_view path, std::string_view function,
     throw PathError(path, path.size(),
                     "no function " + shown(function) + " in " + at.place + nearest.suggestion());
   }
+  needArguments(path, *attribute, arguments);
   const auto list = callee->argumentsFromText(attribute->id, arguments);
   // Read, not called: so a const adapter lets what leaves its object as it is be done.
   const auto op = callee->isConst() ? GenericIf::kRead : GenericIf::kCall;

@@ -14,9 +14,9 @@
 // The roots are the caller's; each is opened anew for each call, so that one that ends is no longer
 // found. What a root's adapter refuses because it is const stays refused below it.
 //
-// Errors: PathError for what is wrong with the path; Vex::RangeException for a key, a value or an
-// argument that is none; the exceptions of Vex::GenericIf for what an attribute does not let itself
-// be done to.
+// Errors: PathError for what is wrong with the path, or with the names and the number of a call's
+// arguments; Vex::RangeException for a key, a value or an argument that is none; the exceptions of
+// Vex::GenericIf for what an attribute does not let itself be done to.
 #pragma once
 
 #include <cstddef>
@@ -94,6 +94,7 @@ class PathAccess {
   Vex::Ptr<Vex::GenericIf> rootOf(std::string_view path, const Step& step) const;
   Target target(std::string_view path) const;
   static Vex::Ptr<Vex::GenericIf> object(std::string_view path, const Target& target);
+  [[noreturn]] static void throwNotThere(std::string_view path, const Target& target);
   static Node node(Vex::GenericIf& owner, const Vex::VexType::Attribute& attribute);
   static void fill(Node& made, Vex::GenericIf& owner, const Vex::VexType::Attribute& attribute);
   static std::vector<Node> elements(const Target& target, std::size_t limit,

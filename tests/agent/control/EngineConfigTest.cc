@@ -43,6 +43,19 @@ TEST_F(EngineConfig, WhatIsSetReachesTheRunningMachinesWhateverWasTriedBefore) {
   EXPECT_EQ(held->rateLimit(), 7U);
 }
 
+TEST_F(EngineConfig, AnArgumentOfAMachinesFunctionThatIsNoneIsNamed) {
+  w.config->globalEnabledIs(true);
+  w.manager.runFor(0.0);
+  const auto call = [this](const std::string& name) {
+    return service.answer(
+        {1, Operation::call, {"globalSm/vlanIntfSmManager", "handleDesiredIntf", name, "eth1"}},
+        "");
+  };
+  EXPECT_EQ(call("intf").texts,
+            Texts{"no argument 'intf' of handleDesiredIntf; did you mean 'intfId'?"});
+  EXPECT_EQ(call("intfId").status, PC::Status::done);
+}
+
 TEST_F(EngineConfig, TheMachinesAreNoWayAroundTheConstRoots) {
   for (const Texts& change : {Texts{"globalSm/status/running", "true"},
                               Texts{"globalSm/transmitStatus/highPriorityMetadata", "x"},

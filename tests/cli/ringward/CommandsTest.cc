@@ -5,6 +5,7 @@
 
 #include "cli/ringward/AgentLink.h"
 #include "cli/ringward/Failure.h"
+#include "cli/ringward/Followers.h"
 #include "tests/cli/ringward/World.h"
 
 namespace RingwardCliTest {
@@ -49,6 +50,13 @@ TEST_F(World, SetChangesTheEntityAtOnce) {
   EXPECT_FALSE(config->vlanEnabled(VlanId(10)));
 }
 
+TEST_F(World, WhatIsSetAndDeletedIsToldAsJson) {
+  EXPECT_EQ(done({"-j", "set", "config/vlanEnabled[10]", "true"}),
+            "{\"path\":\"config/vlanEnabled[10]\",\"value\":\"true\"}\n");
+  EXPECT_EQ(done({"-j", "del", "config/vlanEnabled[10]"}),
+            "{\"path\":\"config/vlanEnabled[10]\",\"deleted\":true}\n");
+}
+
 TEST_F(World, WhatCannotBeSetIsSaidAndNothingChanges) {
   EXPECT_EQ(
       failed(1, {"set", "config/globalIntfConfig/transmitInterval", "256"}),
@@ -70,6 +78,22 @@ TEST_F(World, AnUnknownNameSuggestsTheNearest) {
   EXPECT_EQ(failed(2, {"show", "intefaces"}),
             "ringward: nothing to show under \"intefaces\"; the nearest is \"interfaces\", there "
             "are interfaces, vlans, counters, config, queues\n"
+            "Try 'ringward --help' for the commands.\n");
+  status->intfStatusIs(IntfId::fromName("eth1"));
+  EXPECT_EQ(failed(1, {"get", "status/intfStatus[eht1]/disabled"}),
+            "ringward: status/intfStatus[eht1] is not there; did you mean 'eth1'?\n");
+}
+
+TEST_F(World, AnUnknownSecondWordSuggestsTheNearest) {
+  EXPECT_EQ(failed(2, {"vlan", "ad", "1"}),
+            "ringward: no command \"vlan ad\"; the nearest is \"vlan add\", there are add, del\n"
+            "Try 'ringward --help' for the commands.\n");
+  EXPECT_EQ(failed(2, {"-j", "exclude", "dle", "eth1"}),
+            "ringward: no command \"exclude dle\"; the nearest is \"exclude del\", there are add, "
+            "del\n"
+            "Try 'ringward --help' for the commands.\n");
+  EXPECT_EQ(failed(2, {"clear", "counter"}),
+            "ringward: no command \"clear counter\"; the nearest is \"clear counters\"\n"
             "Try 'ringward --help' for the commands.\n");
 }
 
@@ -120,6 +144,40 @@ TEST_F(World, VlanAddAndDelTakeARange) {
   EXPECT_NE(error.find("4095"), std::string::npos) << error;
 }
 
+// Ends the agent in the loop, as soon as it may be.
+class Ending final : private Vex::DeferredTask {
+ public:
+  Ending(Vex::ActivityManager& manager, std::unique_ptr<Agent::ControlServer>& server)
+      : DeferredTask(manager), server_(server) {}
+  ~Ending() override = default;
+  using DeferredTask::schedule;
+
+ private:
+  void run() override { server_.reset(); }
+  std::unique_ptr<Agent::ControlServer>& server_;
+};
+
+TEST_F(World, WhatIsDoneWhenTheAgentGoesInTheMiddleOfVlansIsTold) {
+  Ending ending(loop, server);
+  unsigned enabled = 0;
+  const auto follower = RingwardCli::newFollower(config, "config", [&](const auto&, const auto&) {
+    if (++enabled == 600) ending.schedule();
+  });
+  const Outcome outcome = run({"-j", "vlan", "add", "1-4094"});
+  EXPECT_EQ(outcome.status, 1);
+  ASSERT_NE(outcome.out, "");
+  const auto told =
+      Bridging::VlanBitmap::parse(Json::parse(outcome.out).at("enabled").get<std::string>());
+  EXPECT_GE(told.count(), 256u);
+  EXPECT_LE(told.count(), enabled);
+  told.forEach([&](std::uint16_t vlan) { EXPECT_TRUE(config->vlanEnabled(VlanId(vlan))); });
+  EXPECT_EQ(outcome.err.find("ringward: " + std::to_string(told.count()) +
+                             " of 4094 VLANs are enabled, the others may be: see `ringward show "
+                             "vlans`; the agent has closed the connection"),
+            0u)
+      << outcome.err;
+}
+
 TEST_F(World, AllVlansGoThroughInOneCommand) {
   const auto enabled = [this] {
     unsigned count = 0;
@@ -145,6 +203,14 @@ TEST_F(World, ExcludeAddWarnsOfANameThatNoInterfaceHas) {
             "ringward: \"nosuch1\" is not excluded; the nearest that is: \"nosuch0\"\n");
   EXPECT_EQ(done({"exclude", "del", "nosuch0"}), "nosuch0 takes part\n");
   EXPECT_FALSE(config->intfExclude(IntfId::fromName("nosuch0")));
+}
+
+TEST_F(World, AnEmptyNameExcludesNothingAndIsRefused) {
+  for (const std::string what : {"add", "del"}) {
+    EXPECT_EQ(failed(2, {"exclude", what, ""}),
+              "ringward: NAME \"\" names no interface; allowed: such as eth1\n");
+  }
+  EXPECT_FALSE(config->intfExcludeIteratorConst());
 }
 
 TEST_F(World, NamesWithCharactersOfThePathSurvive) {
@@ -253,6 +319,30 @@ TEST_F(World, WithoutAnAgentTheStatusIsThreeAndTheTablesAreShown) {
   EXPECT_EQ(outcome.status, 3);
   EXPECT_EQ(outcome.out, "agent not running; counters as last written\nnothing has been counted\n");
   EXPECT_EQ(Json::parse(run({"-j", "show", "counters"}).out)["live"], false);
+}
+
+TEST_F(World, TheTablesAreShownAlsoWhenTheAgentDoesNotAnswer) {
+  server.reset();
+  Agent::ListeningSocket listening;  // nobody accepts
+  ASSERT_EQ(listening.open(socket), "");
+  patience = 0;
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"show"}, {"show", "counters"}}) {
+    const Outcome outcome = run(words);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.out,
+              "agent does not answer; counters as last written\nnothing has been counted\n");
+    EXPECT_TRUE(outcome.err.ends_with(
+        "\nringward: the agent does not answer; it may be stopped, see its log\n"))
+        << outcome.err;
+  }
+  EXPECT_EQ(Json::parse(run({"-j", "show", "counters"}).out)["live"], false);
+  EXPECT_EQ(run({"show", "vlans"}).out, "");
+  socket = directory + "/" + std::string(200, 's');
+  const Outcome unreachable = run({"show", "counters"});
+  EXPECT_EQ(unreachable.status, 1);
+  EXPECT_EQ(unreachable.out,
+            "agent does not answer; counters as last written\nnothing has been counted\n");
 }
 
 TEST_F(World, AnAgentThatGoesInTheMiddleIsAnError) {

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "tests/cli/ringward/World.h"
 
 namespace RingwardCliTest {
@@ -70,17 +72,20 @@ class WatchWorld : public World {
     lines.next = [&](const std::string& line) {
       got.push_back(line);
       lines.closed = got.size() == closedAfter_;
+      if (settles_) interrupt.emplace(loop, interrupted_);
       if (made < changes.size()) {
         changes[made++]();
       } else if (closedAfter_ != 0) {
         interrupt.emplace(loop, interrupted_);
-      } else {
+      } else if (!settles_) {
         kill(getpid(), SIGINT);
       }
     };
+    if (settles_) interrupt.emplace(loop, interrupted_);
     std::ostream out(&lines);
     std::ostringstream err;
-    status_ = RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err);
+    status_ =
+        RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err, patience);
     err_ = err.str();
     // "2026-11-21 10:00:00.123 UTC path = value" without its time.
     for (std::string& line : got) {
@@ -92,7 +97,8 @@ class WatchWorld : public World {
   int status_ = -1;
   std::string err_;
   std::size_t closedAfter_ = 0;  // lines after which the output cannot be written; 0: never
-  bool interrupted_ = false;     // had to be, because it went on without an output
+  bool settles_ = false;         // SIGINT when nothing has come for many turns
+  bool interrupted_ = false;     // by it, or because it went on without an output
 };
 
 using Texts = std::vector<std::string>;
@@ -162,6 +168,59 @@ TEST_F(WatchWorld, ReconnectsToTheNextAgent) {
   EXPECT_EQ(status_, 0);
 }
 
+TEST_F(WatchWorld, FollowsAKeyHoweverItIsSpelt) {
+  const IntfId port = IntfId::fromName("Ethernet1/1");
+  const IntfId eth1 = IntfId::fromName("eth1");
+  const IntfId eth2 = IntfId::fromName("eth2");
+  for (const IntfId& intf : {port, eth1, eth2}) status->intfStatusIs(intf);
+  config->vlanEnabledIs(VlanId(10), true);
+  settles_ = true;
+  auto got = watch(
+      {"status/intfStatus[Ethernet1/1]", "/status/intfStatus[\\eth1]/disabled/",
+       "status/intfStatus[" + Portus::intfIdEscape(eth2.value()) + "]", "config/vlanEnabled[010]"},
+      {[&] {
+        for (const IntfId& intf : {port, eth1, eth2}) {
+          status->intfStatus(intf)->disabledIs(true);
+        }
+        config->vlanEnabledDel(VlanId(10));
+      }});
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, (Texts{"# following", "config/vlanEnabled[10] gone",
+                        "status/intfStatus[Ethernet1\\\\/1]/disabled = true",
+                        "status/intfStatus[eth1]/disabled = true",
+                        "status/intfStatus[eth2]/disabled = true"}));
+}
+
+TEST_F(WatchWorld, TellsThatTheObjectOfAnAttributeHasGoneAndIsThereAnew) {
+  const auto eth1 = IntfId::fromName("eth1");
+  const auto eth2 = IntfId::fromName("eth2");
+  status->intfStatusIs(eth1);
+  settles_ = true;
+  EXPECT_EQ(watch({"status/intfStatus[eth1]/disabled"},
+                  {[&] {
+                     status->intfStatusIs(eth2);  // nobody asked for it
+                     status->intfStatusDel(eth1);
+                   },
+                   [&] { status->intfStatusIs(eth1); },
+                   [&] { status->intfStatus(eth1)->disabledIs(true); }}),
+            (Texts{"# following", "status/intfStatus[eth1] gone", "status/intfStatus[eth1] there",
+                   "status/intfStatus[eth1]/disabled = true"}));
+}
+
+TEST_F(WatchWorld, AnAgentThatSaysNothingIsToldOfOnce) {
+  server.reset();
+  Agent::ListeningSocket listening;  // nobody accepts
+  ASSERT_EQ(listening.open(socket), "");
+  patience = 0;
+  settles_ = true;
+  watch({"--reconnect", "config"}, {});
+  EXPECT_EQ(err_,
+            "ringward: the agent does not answer; it may be stopped; waiting for the agent\n");
+  EXPECT_EQ(status_, 0);
+  EXPECT_EQ(failed(1, {"watch", "config"}),
+            "ringward: the agent does not answer; it may be stopped, see its log\n");
+}
+
 TEST_F(WatchWorld, WaitsForAPlaceWhereTooManyWait) {
   startDeafAgent();
   FullQueue queue(loop, socket);
@@ -184,8 +243,34 @@ TEST_F(WatchWorld, ASignalEndsTheWaitForAPlace) {
 TEST_F(WatchWorld, WhatCannotBeFollowedIsSaid) {
   EXPECT_EQ(failed(2, {"watch", "packetCounter"}).substr(0, 42),
             "ringward: cannot follow \"packetCounter\"; t");
-  EXPECT_EQ(failed(1, {"watch", "config/globalEnabeld"}),
-            "ringward: no attribute 'globalEnabeld' in config; did you mean 'globalEnabled'?\n");
+  EXPECT_EQ(failed(1, {"watch", "config/globalEnabled/on"}).substr(0, 10), "ringward: ");
+}
+
+// With --reconnect the agent is not asked for the path before.
+TEST_F(WatchWorld, ANameOrAKeyThatIsNoneIsSaidWithReconnectToo) {
+  const auto error = [this](int expected, const std::string& path) {
+    std::optional<Interrupt> interrupt;  // or it would wait for the next agent for ever
+    interrupt.emplace(loop, interrupted_);
+    const std::string reconnecting = failed(expected, {"watch", "--reconnect", path});
+    interrupt.reset();
+    EXPECT_EQ(failed(expected, {"watch", path}), reconnecting);
+    return reconnecting;
+  };
+  EXPECT_EQ(error(1, "config/globalEnabeld"),
+            "ringward: no attribute 'globalEnabeld' to follow in config; did you mean "
+            "'globalEnabled'?\n");
+  EXPECT_EQ(error(1, "config/transmitConfig/limit"),
+            "ringward: no attribute 'limit' to follow in config/transmitConfig\n");
+  EXPECT_EQ(error(2, "config/vlanEnabled[4095]").substr(0, 38),
+            "ringward: \"config/vlanEnabled[4095]\": ");
+  EXPECT_EQ(error(2, "config/vlanEnabled[10"),
+            "ringward: \"config/vlanEnabled[10\": '[' is not closed\n");
+  EXPECT_EQ(error(2, "config/vlanEnabled[10]x"),
+            "ringward: \"config/vlanEnabled[10]x\": expected '/' behind ']'\n");
+  EXPECT_EQ(error(2, "config[1]/globalEnabled"),
+            "ringward: \"config[1]/globalEnabled\": 'config' takes no key\n");
+  EXPECT_EQ(error(2, "config/globalEnabled[1]"),
+            "ringward: \"config/globalEnabled[1]\": 'globalEnabled' takes no key\n");
 }
 
 }  // namespace

@@ -129,7 +129,8 @@ class World : public testing::Test {
     std::ostringstream out;
     std::ostringstream err;
     Outcome outcome;
-    outcome.status = RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err);
+    outcome.status =
+        RingwardCli::run(static_cast<int>(argv.size()), argv.data(), loop, out, err, patience);
     outcome.out = out.str();
     outcome.err = err.str();
     return outcome;
@@ -150,6 +151,7 @@ class World : public testing::Test {
 
   std::string directory;
   std::string socket;
+  double patience = RingwardCli::AgentLink::kPatience;  // of the command
   Vex::EpollActivityManager loop;
   const Vex::CurrentActivityManager current{loop};
   const Vex::Ptr<Ringward::Config::Config> config = Ringward::Config::configFactory("config");

@@ -258,6 +258,22 @@ TEST_F(PathAccessTest, AListOfElementsIsBoundedAndGoesOnBehindAKeyThatMayHaveGon
   EXPECT_EQ(all.size(), 100U);
 }
 
+TEST_F(PathAccessTest, AnElementThatIsNotThereSuggestsTheNearestKey) {
+  config->intfExcludeIs(intf("Ethernet1/1"), true);
+  const auto error = [this](const std::string& path) {
+    return errorOf<PathError>([&] { sut.get(path); });
+  };
+  EXPECT_EQ(error("status/intfStatus[eht1]/disabled"),
+            "status/intfStatus[eht1] is not there; did you mean 'eth1'?");
+  EXPECT_EQ(error("config/intfExclude[Ehternet1/1]"),
+            "config/intfExclude[Ehternet1/1] is not there; did you mean 'Ethernet1\\/1'?");
+  EXPECT_EQ(errorOf<PathError>([&] { sut.ls("status/intfStatus[eht1]", 1); }),
+            "status/intfStatus[eht1] is not there; did you mean 'eth1'?");
+  // Another number is another port, and no slip of the pen.
+  EXPECT_EQ(error("config/intfExclude[Ethernet1/2]"),
+            "config/intfExclude[Ethernet1/2] is not there");
+}
+
 TEST_F(PathAccessTest, AFunctionThatIsNotThereIsNamed) {
   EXPECT_EQ(errorOf<PathError>([&] { sut.call("config", "handleThings", {}); }),
             "no function 'handleThings' in config");

@@ -47,6 +47,24 @@ TEST_F(TableControlTest, ATableIsMountedAndAskedByName) {
   EXPECT_EQ(map.members(), 1U);
 }
 
+TEST_F(TableControlTest, ArgumentsThatAreNotTheFunctionsAreNamed) {
+  using Ringward::Generic::PathError;
+  using Arguments = std::vector<std::pair<std::string, std::string>>;
+  auto sut = paths(false);
+  const auto error = [&sut](const Arguments& arguments) {
+    return errorOf<PathError>([&] { sut.call("control", "init", arguments); });
+  };
+  const std::string takes = "; it takes (mode: U32, isLocal: bool, size: U32)";
+  EXPECT_EQ(error({{"mode", "0"}, {"islocl", "true"}, {"size", "50"}}),
+            "no argument 'islocl' of init; did you mean 'isLocal'?");
+  EXPECT_EQ(error({{"x", "0"}}), "no argument 'x' of init" + takes);
+  EXPECT_EQ(error({{"mode", "0"}, {"", "true"}}), "argument 'size' of init is missing" + takes);
+  EXPECT_EQ(error({{"mode", "0"}, {"mode", "1"}, {"size", "50"}}),
+            "argument 'isLocal' of init is missing" + takes);
+  EXPECT_EQ(error({{"", "0"}, {"", "true"}, {"", "50"}, {"", "1"}}),
+            "4 arguments for init" + takes);
+}
+
 TEST_F(TableControlTest, AModeThatIsNoneIsRefused) {
   auto sut = paths(false);
   EXPECT_EQ(errorOf<Vex::RangeException>([&] {
