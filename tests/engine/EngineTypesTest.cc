@@ -391,13 +391,23 @@ TEST_F(EngineTypes, TheNumberOfArgumentsChoosesBetweenOneKeyAndAll) {
   EXPECT_FALSE(standing());
   sut.call(manager, function, {});
   EXPECT_TRUE(standing());
-  EXPECT_EQ(textOf<GenericIf::UnknownArgException>([&] {
+  const std::string takes = "; it takes (); (vlanId: Bridging::VlanId)";
+  EXPECT_EQ(textOf<Ringward::Generic::PathError>([&] {
               sut.call(manager, function, {{"", "10"}, {"", "11"}});
             }),
-            "unknown argument for 'handleVlanConfigEnabled'");
-  EXPECT_EQ(textOf<GenericIf::TypeException>([&] {
+            "2 arguments for handleVlanConfigEnabled" + takes);
+  EXPECT_EQ(textOf<Ringward::Generic::PathError>([&] {
               sut.call(manager, function, {{"intfId", "10"}});
             }),
+            "no argument 'intfId' of handleVlanConfigEnabled" + takes);
+  // What the function itself says, for whoever has no path.
+  const auto machine = genericIf(root->vlanIntfSmManager(), false);
+  auto list = listOf(genericValue(vlanOf(10)));
+  list->argumentIs(genericValue(vlanOf(11)));
+  EXPECT_EQ(textOf<GenericIf::UnknownArgException>([&] { call(machine, function, list); }),
+            "unknown argument for 'handleVlanConfigEnabled'");
+  EXPECT_EQ(textOf<GenericIf::TypeException>(
+                [&] { call(machine, function, listOf(genericValue(true))); }),
             "wrong type for 'vlanId'");
   EXPECT_EQ(textOf<Vex::RangeException>([&] {
               sut.call(manager, function, {{"vlanId", "0"}});
