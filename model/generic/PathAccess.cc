@@ -95,8 +95,9 @@ void needArguments(std::string_view path, const Vex::VexType::Attribute& functio
   }
   for (const auto& argument : *chosen) {
     if (isGiven(argument.name) || unnamed-- != 0) continue;
-    throw PathError(path, path.size(),
-                    "argument '" + std::string(argument.name) + "'" + of + " is missing" + takes);
+    std::string text = "argument '";
+    text.append(argument.name).append("'").append(of).append(" is missing").append(takes);
+    throw PathError(path, path.size(), std::move(text));
   }
 }
 
