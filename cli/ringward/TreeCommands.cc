@@ -9,7 +9,6 @@
 
 namespace RingwardCli {
 
-using Control::Operation;
 using Quillctl::inQuotes;
 using Quillctl::printable;
 

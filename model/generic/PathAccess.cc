@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "model/generic/NearestName.h"
 #include "runtime/vex/GenericValue.h"
