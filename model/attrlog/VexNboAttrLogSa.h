@@ -58,8 +58,8 @@ class VexNboAttrLogSa final : public Class::NotifieeConst, public Vex::StreamAda
   using Attributes = std::remove_const_t<decltype(kAttributes)>;
   // The class's attributes and isNondestructing.
   static constexpr std::size_t kCount = std::tuple_size_v<Attributes> + 1;
-  static_assert(kCount <= Vex::NboAttrLog::VexDirtyBitSet0::kBits &&
-                kCount <= Vex::Entity::kTransfers);
+  static_assert(kCount <= Vex::NboAttrLog::VexDirtyBitSet0::kBits);
+  static_assert(kCount <= Vex::Entity::kTransfers);
   template <std::size_t I>
   using Attribute = std::tuple_element_t<I, Attributes>;
 
