@@ -65,8 +65,7 @@ void moveOverSockets(const Sockets& sockets, Session& from, Session& to) {
   if (written < 0) throw std::runtime_error("write");
   from.outputDel(static_cast<std::size_t>(written));
   // Not cleared: that would be measured, too, and read() says how much of it is good.
-  std::array<std::uint8_t, 65536>
-      bytes;  // NOLINT(cppcoreguidelines-pro-type-member-init): as said above
+  std::array<std::uint8_t, 65536> bytes;
   const ssize_t got = read(sockets.fd[1], bytes.data(), bytes.size());
   if (got < 0) throw std::runtime_error("read");
   to.bytesIn({bytes.data(), static_cast<std::size_t>(got)});

@@ -65,6 +65,7 @@ class Directory {
   std::string socket() const { return path_ + "/control"; }
 
  private:
+  // The six X are for mkdtemp(3) to fill in.
   std::string path_ = std::filesystem::temp_directory_path() / "ringward-bench-XXXXXX";
 };
 
